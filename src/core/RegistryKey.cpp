@@ -1,0 +1,197 @@
+#include "core/RegistryKey.h"
+
+#include <cstring>
+
+#include "platform/Platform.h"
+
+namespace qbrix::core {
+
+using namespace qbrix::platform;
+
+namespace {
+constexpr DWORD kStringBufferSize = 999;
+constexpr DWORD kValueNameBufferSize = 999;
+constexpr DWORD kSubkeyNameBufferSize = 99;
+constexpr DWORD kTreeNameBufferSize = 256;
+// Read values, write values, create and enumerate sub-keys: what a tree deletion needs.
+constexpr REGSAM kTreeAccess =
+    KEY_QUERY_VALUE | KEY_SET_VALUE | KEY_CREATE_SUB_KEY | KEY_ENUMERATE_SUB_KEYS;
+}  // namespace
+
+RegistryKey::RegistryKey(std::string_view suffix, std::string_view rootPath) {
+    Open(suffix, rootPath);
+}
+
+RegistryKey::~RegistryKey() { Close(); }
+
+LONG RegistryKey::Open(std::string_view suffix, std::string_view rootPath) {
+    std::string path(rootPath);
+    path.append(suffix);
+    return OpenBelow(HKEY_LOCAL_MACHINE, path);
+}
+
+LONG RegistryKey::Reopen(std::string_view suffix, std::string_view rootPath) {
+    Close();
+    return Open(suffix, rootPath);
+}
+
+LONG RegistryKey::OpenBelow(HKEY root, std::string_view path) {
+    HKEY key = nullptr;
+    DWORD disposition = 0;
+    LONG rc = Current().Reg().CreateKeyEx(root, path, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS,
+                                          &key, &disposition);
+    if (rc != ERROR_SUCCESS) {
+        Close();
+        return rc;
+    }
+    Close();
+    m_key = key;
+    return ERROR_SUCCESS;
+}
+
+void RegistryKey::Close() {
+    if (m_key != nullptr) {
+        Current().Reg().CloseKey(m_key);
+        m_key = nullptr;
+    }
+}
+
+DWORD RegistryKey::GetDword(std::string_view name, DWORD defaultValue) {
+    if (m_key == nullptr) {
+        return defaultValue;
+    }
+    DWORD type = REG_NONE;
+    BYTE data[4] = {};
+    DWORD size = sizeof(data);
+    if (Current().Reg().QueryValueEx(m_key, name, &type, data, &size) == ERROR_SUCCESS &&
+        type == REG_DWORD && size == sizeof(data)) {
+        DWORD value = 0;
+        std::memcpy(&value, data, sizeof(value));
+        return value;
+    }
+    SetDword(name, defaultValue);
+    return defaultValue;
+}
+
+std::string RegistryKey::GetString(std::string_view name, const char* defaultText) {
+    if (m_key == nullptr) {
+        return defaultText == nullptr ? std::string() : std::string(defaultText);
+    }
+    char buffer[kStringBufferSize];
+    DWORD size = sizeof(buffer);
+    if (QueryString(name, buffer, &size) == ERROR_SUCCESS) {
+        // The stored bytes up to the first zero; a value written without its terminator ends
+        // at its size.
+        return std::string(buffer, strnlen(buffer, size));
+    }
+    if (defaultText == nullptr) {
+        return std::string();
+    }
+    SetString(name, defaultText);
+    return std::string(defaultText);
+}
+
+LONG RegistryKey::QueryString(std::string_view name, char* buffer, DWORD* size) {
+    DWORD capacity = *size;
+    *size = 0;
+    if (m_key == nullptr) {
+        return ERROR_INVALID_HANDLE;
+    }
+    DWORD type = REG_NONE;
+    DWORD length = capacity;
+    LONG rc = Current().Reg().QueryValueEx(m_key, name, &type, reinterpret_cast<BYTE*>(buffer),
+                                           &length);
+    if (rc != ERROR_SUCCESS) {
+        return rc;
+    }
+    if (type != REG_SZ) {
+        return static_cast<LONG>(ERROR_INVALID_DATA);
+    }
+    *size = length;
+    return ERROR_SUCCESS;
+}
+
+void RegistryKey::ListValueNames(std::vector<std::string>& names, const char* const* seed) {
+    if (m_key == nullptr) {
+        return;
+    }
+    names.clear();
+    LONG rc = ERROR_SUCCESS;
+    for (DWORD index = 0;; ++index) {
+        char name[kValueNameBufferSize];
+        DWORD nameSize = sizeof(name);
+        rc = Current().Reg().EnumValue(m_key, index, name, &nameSize, nullptr, nullptr, nullptr);
+        if (rc != ERROR_SUCCESS) {
+            break;
+        }
+        names.emplace_back(name, nameSize);
+    }
+    bool keyHasNoValues = names.empty() && rc == static_cast<LONG>(ERROR_NO_MORE_ITEMS);
+    if (!keyHasNoValues || seed == nullptr) {
+        return;
+    }
+    for (const char* const* entry = seed; *entry != nullptr && **entry != '\0'; ++entry) {
+        SetString(*entry, "");
+        names.emplace_back(*entry);
+    }
+}
+
+void RegistryKey::ListSubkeys(std::vector<std::string>& names) {
+    if (m_key == nullptr) {
+        return;
+    }
+    names.clear();
+    for (DWORD index = 0;; ++index) {
+        char name[kSubkeyNameBufferSize];
+        DWORD nameSize = sizeof(name);
+        if (Current().Reg().EnumKeyEx(m_key, index, name, &nameSize) != ERROR_SUCCESS) {
+            return;
+        }
+        names.emplace_back(name, nameSize);
+    }
+}
+
+LONG RegistryKey::SetDword(std::string_view name, DWORD value) {
+    if (m_key == nullptr) {
+        return ERROR_INVALID_HANDLE;
+    }
+    BYTE data[sizeof(value)];
+    std::memcpy(data, &value, sizeof(value));
+    return Current().Reg().SetValueEx(m_key, name, REG_DWORD, data, sizeof(data));
+}
+
+LONG RegistryKey::SetString(std::string_view name, std::string_view text) {
+    if (m_key == nullptr) {
+        return ERROR_INVALID_HANDLE;
+    }
+    std::string stored(text);
+    return Current().Reg().SetValueEx(m_key, name, REG_SZ,
+                                      reinterpret_cast<const BYTE*>(stored.c_str()),
+                                      static_cast<DWORD>(stored.size() + 1));
+}
+
+LONG RegistryKey::DeleteKeyTree(HKEY parent, std::string_view name) {
+    Registry& registry = Current().Reg();
+    HKEY key = nullptr;
+    LONG rc = registry.OpenKeyEx(parent, name, kTreeAccess, &key);
+    if (rc != ERROR_SUCCESS) {
+        return rc;
+    }
+    // Index 0 every time: each deletion renumbers the remaining sub-keys.
+    while (true) {
+        char child[kTreeNameBufferSize];
+        DWORD childSize = sizeof(child);
+        if (registry.EnumKeyEx(key, 0, child, &childSize) != ERROR_SUCCESS) {
+            break;
+        }
+        rc = DeleteKeyTree(key, std::string_view(child, childSize));
+        if (rc != ERROR_SUCCESS) {
+            registry.CloseKey(key);
+            return rc;
+        }
+    }
+    registry.CloseKey(key);
+    return registry.DeleteKey(parent, name);
+}
+
+}  // namespace qbrix::core

@@ -1,0 +1,117 @@
+#include "platform/Platform.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+
+#include "platform/Security.h"
+
+namespace qbrix::platform {
+
+namespace {
+std::atomic<Platform*> g_current{nullptr};
+thread_local DWORD t_lastError = 0;
+}  // namespace
+
+Platform::Platform(SystemInfo info, std::unique_ptr<Registry> registry)
+    : m_info(std::move(info)), m_registry(std::move(registry)) {
+    RegisterSystemModules(m_libraries);
+}
+
+Platform::~Platform() = default;
+
+std::string Platform::RunDirectory() const {
+    std::string dir = JoinPath(m_info.dataRoot, "run");
+    std::error_code ignored;
+    std::filesystem::create_directories(dir, ignored);
+    return dir;
+}
+
+Platform& Current() {
+    Platform* platform = g_current.load();
+    if (platform == nullptr) {
+        std::fputs("q-Brix: no platform installed\n", stderr);
+        std::abort();
+    }
+    return *platform;
+}
+
+bool IsInstalled() { return g_current.load() != nullptr; }
+
+ScopedPlatform::ScopedPlatform(std::unique_ptr<Platform> platform)
+    : m_platform(std::move(platform)), m_previous(g_current.exchange(m_platform.get())) {}
+
+ScopedPlatform::~ScopedPlatform() { g_current.store(m_previous); }
+
+DWORD GetLastError() { return t_lastError; }
+void SetLastError(DWORD code) { t_lastError = code; }
+
+std::string GetErrorMessageText(DWORD code) {
+    // The system message table's wording for the codes the system meets.
+    static const std::map<DWORD, const char*> kMessages = {
+        {0, "The operation completed successfully."},
+        {1, "Incorrect function."},
+        {2, "The system cannot find the file specified."},
+        {3, "The system cannot find the path specified."},
+        {5, "Access is denied."},
+        {6, "The handle is invalid."},
+        {8, "Not enough storage is available to process this command."},
+        {13, "The data is invalid."},
+        {31, "A device attached to the system is not functioning."},
+        {32, "The process cannot access the file because it is being used by another process."},
+        {50, "The request is not supported."},
+        {80, "The file exists."},
+        {87, "The parameter is incorrect."},
+        {121, "The semaphore timeout period has expired."},
+        {122, "The data area passed to a system call is too small."},
+        {126, "The specified module could not be found."},
+        {127, "The specified procedure could not be found."},
+        {161, "The specified path is invalid."},
+        {170, "The requested resource is in use."},
+        {183, "Cannot create a file when that file already exists."},
+        {234, "More data is available."},
+        {259, "No more data is available."},
+        {1009, "The configuration registry database is corrupt."},
+        {1018, "Illegal operation attempted on a registry key that has been marked for deletion."},
+        {1051, "A stop control has been sent to a service that other running services are "
+               "dependent on."},
+        {1052, "The requested control is not valid for this service."},
+        {1053, "The service did not respond to the start or control request in a timely "
+               "fashion."},
+        {1056, "An instance of the service is already running."},
+        {1058, "The service cannot be started, either because it is disabled or because it has "
+               "no enabled devices associated with it."},
+        {1060, "The specified service does not exist as an installed service."},
+        {1062, "The service has not been started."},
+        {1072, "The specified service has been marked for deletion."},
+        {1073, "The specified service already exists."},
+        {1275, "This driver has been blocked from loading"},
+    };
+    auto it = kMessages.find(code);
+    return it == kMessages.end() ? std::string() : std::string(it->second) + "\r\n";
+}
+
+std::uint32_t GetCurrentProcessId() { return static_cast<std::uint32_t>(::getpid()); }
+
+int IsNtPlatform() { return Current().Info().family == Family::Nt ? 1 : 0; }
+
+std::string JoinPath(std::string_view directory, std::string_view name) {
+    std::string result(directory);
+    if (!result.empty() && result.back() != '/') {
+        result.push_back('/');
+    }
+    for (char c : name) {
+        result.push_back(c == '\\' ? '/' : c);
+    }
+    return result;
+}
+
+std::string ProgramFile(std::string_view name) {
+    return JoinPath(Current().Info().programDirectory, name);
+}
+
+}  // namespace qbrix::platform

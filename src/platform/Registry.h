@@ -1,0 +1,58 @@
+// The registry service: a tree of keys holding named, typed values, reached through handles.
+// Semantics follow the Windows registry calls the system is written against: the same error
+// codes, case-insensitive and case-preserving names, sub-keys enumerated in case-insensitive
+// name order and values in creation order, keys deleted only when they have no sub-keys.
+#pragma once
+
+#include <string_view>
+
+#include "platform/WinTypes.h"
+
+namespace qbrix::platform {
+
+struct RegistryKeyHandle;
+using HKEY = RegistryKeyHandle*;
+
+// The predefined roots. HKEY_CURRENT_USER is the calling user's branch of HKEY_USERS.
+inline HKEY const HKEY_CLASSES_ROOT = reinterpret_cast<HKEY>(std::uintptr_t{0x80000000u});
+inline HKEY const HKEY_CURRENT_USER = reinterpret_cast<HKEY>(std::uintptr_t{0x80000001u});
+inline HKEY const HKEY_LOCAL_MACHINE = reinterpret_cast<HKEY>(std::uintptr_t{0x80000002u});
+inline HKEY const HKEY_USERS = reinterpret_cast<HKEY>(std::uintptr_t{0x80000003u});
+
+// Longest key name component and value name, in bytes, as the Windows registry allows.
+inline constexpr DWORD kMaxKeyNameLength = 255;
+inline constexpr DWORD kMaxValueNameLength = 16383;
+
+class Registry {
+public:
+    virtual ~Registry() = default;
+
+    // Creates the key (and any missing parents) or opens it when it exists. Sub-key paths are
+    // backslash-separated; an empty path opens a new handle to `key` itself.
+    virtual LONG CreateKeyEx(HKEY key, std::string_view subKey, DWORD options, REGSAM access,
+                             HKEY* result, DWORD* disposition) = 0;
+    virtual LONG OpenKeyEx(HKEY key, std::string_view subKey, REGSAM access, HKEY* result) = 0;
+    virtual LONG CloseKey(HKEY key) = 0;
+
+    // With `data` null only the size is reported. A buffer smaller than the value gives
+    // ERROR_MORE_DATA with `*size` set to the size needed.
+    virtual LONG QueryValueEx(HKEY key, std::string_view name, DWORD* type, BYTE* data,
+                              DWORD* size) = 0;
+    virtual LONG SetValueEx(HKEY key, std::string_view name, DWORD type, const BYTE* data,
+                            DWORD size) = 0;
+    virtual LONG DeleteValue(HKEY key, std::string_view name) = 0;
+    // Deletes a key that has no sub-keys, with its values.
+    virtual LONG DeleteKey(HKEY key, std::string_view subKey) = 0;
+
+    // `*nameSize` is the buffer size in bytes on entry and the name length (no terminator) on
+    // success. ERROR_NO_MORE_ITEMS past the last entry, ERROR_MORE_DATA for a short buffer.
+    virtual LONG EnumKeyEx(HKEY key, DWORD index, char* name, DWORD* nameSize) = 0;
+    virtual LONG EnumValue(HKEY key, DWORD index, char* name, DWORD* nameSize, DWORD* type,
+                           BYTE* data, DWORD* dataSize) = 0;
+
+    // Number of sub-keys and values and the longest sub-key name, value name and value data.
+    virtual LONG QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLength, DWORD* values,
+                              DWORD* maxValueNameLength, DWORD* maxValueLength) = 0;
+};
+
+}  // namespace qbrix::platform

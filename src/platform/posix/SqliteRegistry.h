@@ -1,0 +1,75 @@
+// The registry service kept in one SQLite database file, shared safely by every process and
+// thread that opens it (write-ahead log, each change one immediate transaction, a busy wait on
+// lock contention). HKEY_CURRENT_USER is HKEY_USERS\<uid> of the calling user.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "platform/Registry.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace qbrix::platform {
+
+class SqliteRegistry : public Registry {
+public:
+    // The database is opened on first use; a store that cannot be opened (unreadable, corrupt,
+    // locked) makes every call fail with an error code and leaves the file untouched.
+    SqliteRegistry(std::string databasePath, std::uint32_t uid);
+    ~SqliteRegistry() override;
+
+    LONG CreateKeyEx(HKEY key, std::string_view subKey, DWORD options, REGSAM access,
+                     HKEY* result, DWORD* disposition) override;
+    LONG OpenKeyEx(HKEY key, std::string_view subKey, REGSAM access, HKEY* result) override;
+    LONG CloseKey(HKEY key) override;
+    LONG QueryValueEx(HKEY key, std::string_view name, DWORD* type, BYTE* data,
+                      DWORD* size) override;
+    LONG SetValueEx(HKEY key, std::string_view name, DWORD type, const BYTE* data,
+                    DWORD size) override;
+    LONG DeleteValue(HKEY key, std::string_view name) override;
+    LONG DeleteKey(HKEY key, std::string_view subKey) override;
+    LONG EnumKeyEx(HKEY key, DWORD index, char* name, DWORD* nameSize) override;
+    LONG EnumValue(HKEY key, DWORD index, char* name, DWORD* nameSize, DWORD* type, BYTE* data,
+                   DWORD* dataSize) override;
+    LONG QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLength, DWORD* values,
+                      DWORD* maxValueNameLength, DWORD* maxValueLength) override;
+
+    // Milliseconds a call waits for another process's write before giving up.
+    void SetBusyTimeoutMs(int timeoutMs);
+
+private:
+    struct OpenKey {
+        std::int64_t id;
+        REGSAM access;
+    };
+    class Statement;
+    class Transaction;
+
+    LONG EnsureOpen();
+    LONG InitializeSchema();
+    void CloseDatabase();
+    sqlite3_stmt* Prepare(const char* sql);
+    LONG Resolve(HKEY key, REGSAM needed, std::int64_t* id);
+    LONG CurrentUserKey(bool create, std::int64_t* id);
+    LONG FindChild(std::int64_t parent, std::string_view name, std::int64_t* id);
+    LONG KeyExists(std::int64_t id);
+    LONG WalkPath(std::int64_t start, std::string_view path, bool create, std::int64_t* id,
+                  bool* created);
+    HKEY NewHandle(std::int64_t id, REGSAM access);
+
+    std::string m_path;
+    std::uint32_t m_uid;
+    int m_busyTimeoutMs = 10000;
+    std::recursive_mutex m_lock;
+    sqlite3* m_db = nullptr;
+    bool m_readOnly = false;
+    std::map<const char*, sqlite3_stmt*> m_statements;
+    std::map<std::uintptr_t, OpenKey> m_handles;
+    std::uintptr_t m_nextHandle = 0x1000;
+};
+
+}  // namespace qbrix::platform

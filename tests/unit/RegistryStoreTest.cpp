@@ -1,0 +1,268 @@
+// The registry service over its SQLite store: the Windows semantics the callers rely on.
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/posix/PosixPlatform.h"
+#include "platform/posix/SqliteRegistry.h"
+#include "support/TempPlatform.h"
+
+namespace qbrix::platform {
+namespace {
+
+class RegistryStoreTest : public ::testing::Test {
+protected:
+    Registry& Reg() { return m_platform.Get().Reg(); }
+
+    HKEY Create(HKEY parent, const std::string& path, REGSAM access = KEY_ALL_ACCESS) {
+        HKEY key = nullptr;
+        DWORD disposition = 0;
+        EXPECT_EQ(ERROR_SUCCESS, static_cast<DWORD>(Reg().CreateKeyEx(
+                                     parent, path, 0, access, &key, &disposition)));
+        return key;
+    }
+    void SetText(HKEY key, const std::string& name, const std::string& text) {
+        ASSERT_EQ(0, Reg().SetValueEx(key, name, REG_SZ,
+                                      reinterpret_cast<const BYTE*>(text.c_str()),
+                                      static_cast<DWORD>(text.size() + 1)));
+    }
+    std::vector<std::string> SubkeyNames(HKEY key) {
+        std::vector<std::string> names;
+        for (DWORD i = 0;; ++i) {
+            char name[256];
+            DWORD size = sizeof(name);
+            if (Reg().EnumKeyEx(key, i, name, &size) != 0) {
+                break;
+            }
+            names.emplace_back(name, size);
+        }
+        return names;
+    }
+    std::vector<std::string> ValueNames(HKEY key) {
+        std::vector<std::string> names;
+        for (DWORD i = 0;; ++i) {
+            char name[256];
+            DWORD size = sizeof(name);
+            if (Reg().EnumValue(key, i, name, &size, nullptr, nullptr, nullptr) != 0) {
+                break;
+            }
+            names.emplace_back(name, size);
+        }
+        return names;
+    }
+
+    test::TempPlatform m_platform;
+};
+
+TEST_F(RegistryStoreTest, NamesAreCaseInsensitiveAndCasePreserving) {
+    HKEY key = Create(HKEY_LOCAL_MACHINE, "Software\\Vendor");
+    SetText(key, "FileName", "a.log");
+    HKEY again = nullptr;
+    DWORD disposition = 0;
+    ASSERT_EQ(0, Reg().CreateKeyEx(HKEY_LOCAL_MACHINE, "SOFTWARE\\VENDOR", 0, KEY_READ, &again,
+                                   &disposition));
+    EXPECT_EQ(REG_OPENED_EXISTING_KEY, disposition);
+    char buffer[32];
+    DWORD size = sizeof(buffer);
+    DWORD type = 0;
+    ASSERT_EQ(0, Reg().QueryValueEx(again, "FILENAME", &type, reinterpret_cast<BYTE*>(buffer),
+                                    &size));
+    EXPECT_EQ(REG_SZ, type);
+    EXPECT_STREQ("a.log", buffer);
+    EXPECT_EQ(6u, size);
+    EXPECT_EQ(std::vector<std::string>{"FileName"}, ValueNames(again));
+    EXPECT_EQ(std::vector<std::string>{"Vendor"}, SubkeyNames(Create(HKEY_LOCAL_MACHINE, "software")));
+    Reg().CloseKey(key);
+    Reg().CloseKey(again);
+}
+
+TEST_F(RegistryStoreTest, SubkeysEnumerateInUpperCasedOrderAndValuesInCreationOrder) {
+    HKEY key = Create(HKEY_LOCAL_MACHINE, "Order");
+    // Upper-cased comparison puts "A_B" after "AAB", as the Windows registry does.
+    for (const char* name : {"b", "A_b", "10", "aab", "2", "C", "1"}) {
+        Reg().CloseKey(Create(key, name));
+    }
+    EXPECT_EQ((std::vector<std::string>{"1", "10", "2", "aab", "A_b", "b", "C"}), SubkeyNames(key));
+
+    for (const char* name : {"zeta", "Alpha", "mid"}) {
+        SetText(key, name, "x");
+    }
+    SetText(key, "ALPHA", "rewritten keeps its place and its name");
+    EXPECT_EQ((std::vector<std::string>{"zeta", "Alpha", "mid"}), ValueNames(key));
+    Reg().CloseKey(key);
+}
+
+TEST_F(RegistryStoreTest, ErrorCodesOfQueriesAndEnumerations) {
+    HKEY key = Create(HKEY_LOCAL_MACHINE, "Codes");
+    DWORD size = 4;
+    BYTE small[4];
+    EXPECT_EQ(static_cast<LONG>(ERROR_FILE_NOT_FOUND),
+              Reg().QueryValueEx(key, "missing", nullptr, small, &size));
+    SetText(key, "long", "more than four bytes");
+    size = sizeof(small);
+    EXPECT_EQ(static_cast<LONG>(ERROR_MORE_DATA), Reg().QueryValueEx(key, "long", nullptr, small, &size));
+    EXPECT_EQ(21u, size);  // the size needed
+    size = 0;
+    EXPECT_EQ(0, Reg().QueryValueEx(key, "long", nullptr, nullptr, &size));
+    EXPECT_EQ(21u, size);
+
+    char name[4];
+    DWORD nameSize = sizeof(name);
+    EXPECT_EQ(static_cast<LONG>(ERROR_MORE_DATA), Reg().EnumValue(key, 0, name, &nameSize, nullptr, nullptr, nullptr));
+    nameSize = sizeof(name);
+    EXPECT_EQ(static_cast<LONG>(ERROR_NO_MORE_ITEMS), Reg().EnumValue(key, 1, name, &nameSize, nullptr, nullptr, nullptr));
+    nameSize = sizeof(name);
+    EXPECT_EQ(static_cast<LONG>(ERROR_NO_MORE_ITEMS), Reg().EnumKeyEx(key, 0, name, &nameSize));
+
+    HKEY missing = nullptr;
+    EXPECT_EQ(static_cast<LONG>(ERROR_FILE_NOT_FOUND), Reg().OpenKeyEx(key, "nothing\\here", KEY_READ, &missing));
+    EXPECT_EQ(nullptr, missing);
+    EXPECT_EQ(static_cast<LONG>(ERROR_BAD_PATHNAME), Reg().OpenKeyEx(key, "\\leading", KEY_READ, &missing));
+    EXPECT_EQ(static_cast<LONG>(ERROR_INVALID_HANDLE),
+              Reg().QueryValueEx(reinterpret_cast<HKEY>(std::uintptr_t{0x7777}), "x", nullptr, nullptr, &size));
+    Reg().CloseKey(key);
+}
+
+TEST_F(RegistryStoreTest, TypesAndRawBytesAreKeptExactly) {
+    HKEY key = Create(HKEY_LOCAL_MACHINE, "Types");
+    const BYTE binary[] = {0x00, 0xFF, 0x10, 0x00};
+    const DWORD number = 0x0A0B0C0D;
+    ASSERT_EQ(0, Reg().SetValueEx(key, "bin", REG_BINARY, binary, sizeof(binary)));
+    ASSERT_EQ(0, Reg().SetValueEx(key, "num", REG_DWORD, reinterpret_cast<const BYTE*>(&number), 4));
+    ASSERT_EQ(0, Reg().SetValueEx(key, "odd", 0x1234, binary, 3));
+    ASSERT_EQ(0, Reg().SetValueEx(key, "", REG_SZ, nullptr, 0));  // the unnamed value, empty
+
+    struct Expect { const char* name; DWORD type; std::vector<BYTE> bytes; };
+    for (const Expect& e : {Expect{"bin", REG_BINARY, {0x00, 0xFF, 0x10, 0x00}},
+                            Expect{"num", REG_DWORD, {0x0D, 0x0C, 0x0B, 0x0A}},
+                            Expect{"odd", 0x1234, {0x00, 0xFF, 0x10}},
+                            Expect{"", REG_SZ, {}}}) {
+        BYTE data[16];
+        DWORD size = sizeof(data);
+        DWORD type = 0;
+        ASSERT_EQ(0, Reg().QueryValueEx(key, e.name, &type, data, &size)) << e.name;
+        EXPECT_EQ(e.type, type) << e.name;
+        EXPECT_EQ(e.bytes, std::vector<BYTE>(data, data + size)) << e.name;
+    }
+    Reg().CloseKey(key);
+}
+
+TEST_F(RegistryStoreTest, DeleteKeyRefusesKeysWithSubkeysAndInvalidatesHandles) {
+    HKEY parent = Create(HKEY_LOCAL_MACHINE, "Del\\Child");
+    Reg().CloseKey(parent);
+    HKEY del = Create(HKEY_LOCAL_MACHINE, "Del");
+    EXPECT_EQ(static_cast<LONG>(ERROR_ACCESS_DENIED), Reg().DeleteKey(HKEY_LOCAL_MACHINE, "Del"));
+    HKEY child = Create(del, "Child");
+    SetText(child, "v", "x");
+    EXPECT_EQ(0, Reg().DeleteKey(del, "child"));
+    EXPECT_EQ(static_cast<LONG>(ERROR_KEY_DELETED), Reg().SetValueEx(child, "v", REG_SZ, nullptr, 0));
+    EXPECT_EQ(static_cast<LONG>(ERROR_FILE_NOT_FOUND), Reg().DeleteKey(del, "child"));
+    EXPECT_EQ(0, Reg().DeleteKey(HKEY_LOCAL_MACHINE, "Del"));
+    Reg().CloseKey(child);
+    Reg().CloseKey(del);
+}
+
+TEST_F(RegistryStoreTest, AccessRightsOfAHandleAreEnforced) {
+    Reg().CloseKey(Create(HKEY_LOCAL_MACHINE, "Rights"));
+    HKEY reader = nullptr;
+    ASSERT_EQ(0, Reg().OpenKeyEx(HKEY_LOCAL_MACHINE, "Rights", KEY_READ, &reader));
+    EXPECT_EQ(static_cast<LONG>(ERROR_ACCESS_DENIED), Reg().SetValueEx(reader, "v", REG_SZ, nullptr, 0));
+    HKEY child = nullptr;
+    DWORD disposition = 0;
+    EXPECT_EQ(static_cast<LONG>(ERROR_ACCESS_DENIED),
+              Reg().CreateKeyEx(reader, "new", 0, KEY_ALL_ACCESS, &child, &disposition));
+    Reg().CloseKey(reader);
+}
+
+TEST_F(RegistryStoreTest, CurrentUserIsKeptPerUser) {
+    HKEY mine = Create(HKEY_CURRENT_USER, "Software\\Prefs");
+    SetText(mine, "answer", "mine");
+    Reg().CloseKey(mine);
+
+    m_platform.SetUser(1001, {"users"});
+    HKEY theirs = nullptr;
+    EXPECT_EQ(static_cast<LONG>(ERROR_FILE_NOT_FOUND),
+              Reg().OpenKeyEx(HKEY_CURRENT_USER, "Software\\Prefs", KEY_READ, &theirs));
+
+    m_platform.SetUser(1000, {"users"});
+    ASSERT_EQ(0, Reg().OpenKeyEx(HKEY_CURRENT_USER, "Software\\Prefs", KEY_READ, &theirs));
+    Reg().CloseKey(theirs);
+}
+
+TEST_F(RegistryStoreTest, ThreadsWritingAtOnceLoseNothing) {
+    constexpr int kThreads = 4;
+    constexpr int kValues = 50;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([this, t] {
+            for (int i = 0; i < kValues; ++i) {
+                HKEY key = Create(HKEY_LOCAL_MACHINE, "Threads\\T" + std::to_string(t));
+                DWORD value = static_cast<DWORD>(i);
+                Reg().SetValueEx(key, "v" + std::to_string(i), REG_DWORD,
+                                 reinterpret_cast<const BYTE*>(&value), 4);
+                Reg().CloseKey(key);
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    HKEY root = Create(HKEY_LOCAL_MACHINE, "Threads");
+    EXPECT_EQ(static_cast<std::size_t>(kThreads), SubkeyNames(root).size());
+    for (int t = 0; t < kThreads; ++t) {
+        HKEY key = Create(root, "T" + std::to_string(t));
+        EXPECT_EQ(static_cast<std::size_t>(kValues), ValueNames(key).size());
+        Reg().CloseKey(key);
+    }
+    Reg().CloseKey(root);
+}
+
+// A store that is not a database, or cannot be read, fails every call and is never rewritten.
+TEST(RegistryStoreFailureTest, CorruptStoreFailsWithoutTouchingTheFile) {
+    test::TempDirectory dir;
+    std::string path = dir.File("registry.db");
+    const std::string garbage(4096, 'Z');
+    std::ofstream(path, std::ios::binary) << garbage;
+
+    SqliteRegistry registry(path, 1000);
+    HKEY key = nullptr;
+    DWORD disposition = 0;
+    EXPECT_EQ(static_cast<LONG>(ERROR_BADDB),
+              registry.CreateKeyEx(HKEY_LOCAL_MACHINE, "A", 0, KEY_ALL_ACCESS, &key, &disposition));
+    EXPECT_EQ(nullptr, key);
+    EXPECT_EQ(static_cast<LONG>(ERROR_BADDB), registry.SetValueEx(HKEY_LOCAL_MACHINE, "v", REG_SZ, nullptr, 0));
+    EXPECT_EQ(garbage, test::ReadFile(path));
+}
+
+TEST(RegistryStoreFailureTest, LockedStoreGivesUpAfterItsBusyTimeAndKeepsData) {
+    test::TempDirectory dir;
+    std::string path = dir.File("registry.db");
+    {
+        SqliteRegistry first(path, 1000);
+        HKEY key = nullptr;
+        DWORD disposition = 0;
+        ASSERT_EQ(0, first.CreateKeyEx(HKEY_LOCAL_MACHINE, "Kept", 0, KEY_ALL_ACCESS, &key, &disposition));
+        first.CloseKey(key);
+    }
+    sqlite3* holder = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &holder));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+
+    SqliteRegistry blocked(path, 1000);
+    blocked.SetBusyTimeoutMs(50);
+    HKEY key = nullptr;
+    DWORD disposition = 0;
+    EXPECT_NE(0, blocked.CreateKeyEx(HKEY_LOCAL_MACHINE, "New", 0, KEY_ALL_ACCESS, &key, &disposition));
+
+    sqlite3_exec(holder, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(holder);
+    ASSERT_EQ(0, blocked.OpenKeyEx(HKEY_LOCAL_MACHINE, "Kept", KEY_READ, &key));
+    blocked.CloseKey(key);
+}
+
+}  // namespace
+}  // namespace qbrix::platform
