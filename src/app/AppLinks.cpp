@@ -19,6 +19,9 @@ void AppLinks::ShowDriverErrors() {
                                        core::MB_OK | core::MB_ICONERROR);
 }
 void AppLinks::LoadZoneList() {}
-core::MainWindow* AppLinks::CreateControlPanel() { return nullptr; }
+
+void AppLinks::InitFramework() { m_shell.Init(); }
+void AppLinks::ExitFramework() { m_shell.Exit(); }
+core::MainWindow* AppLinks::CreateControlPanel() { return m_shell.CreatePanel(); }
 
 }  // namespace qbrix::app

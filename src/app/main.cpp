@@ -1,12 +1,23 @@
 // q-brix: the control program. The first letter of the command text picks the job: I installs
 // the filtering components, D removes them, T runs with them installed for this run only, and
-// anything else starts the control program.
-#include <csignal>
+// anything else starts the control program. `q-brix --render-pages DIR` writes a PNG of every
+// page and dialog instead.
+#include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "app/AppLinks.h"
+#include "app/AppShell.h"
 #include "core/ControlApp.h"
 #include "platform/posix/PosixPlatform.h"
+
+#ifdef QBRIX_HAVE_UI
+#include <QApplication>
+
+#include "app/PanelFactory.h"
+#include "ui/ControlPanel.h"
+#include "ui/PageRenderer.h"
+#endif
 
 namespace {
 
@@ -21,33 +32,40 @@ std::string CommandText(int argc, char** argv) {
     return text;
 }
 
-// Runs until the session ends (SIGTERM, SIGINT or SIGHUP).
-void WaitForSessionEnd() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGHUP);
-    int received = 0;
-    sigwait(&signals, &received);
+int RenderPagesMain(int argc, char** argv) {
+#ifdef QBRIX_HAVE_UI
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: q-brix --render-pages DIR\n");
+        return 2;
+    }
+    QApplication application(argc, argv);
+    qbrix::ui::ControlPanel panel(qbrix::app::BuildPanelParts());
+    QStringList written = qbrix::ui::RenderPages(panel, QString::fromLocal8Bit(argv[2]));
+    for (const QString& file : written) {
+        std::printf("%s\n", file.toLocal8Bit().constData());
+    }
+    return written.isEmpty() ? 1 : 0;
+#else
+    (void)argc;
+    (void)argv;
+    std::fprintf(stderr, "q-brix: this build has no user interface\n");
+    return 1;
+#endif
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGHUP);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
     using namespace qbrix;
     platform::ScopedPlatform platform(platform::MakePosixPlatform(platform::DetectSystemInfo()));
-    app::AppLinks links;
+    if (argc >= 2 && std::strcmp(argv[1], "--render-pages") == 0) {
+        return RenderPagesMain(argc, argv);
+    }
+    app::AppShell shell(argc, argv);
+    app::AppLinks links(shell);
     core::ControlApp application(links, CommandText(argc, argv));
     if (application.InitInstance()) {
-        WaitForSessionEnd();
+        shell.Run();
     }
     return application.ExitInstance();
 }

@@ -59,6 +59,9 @@ ScriptedMessages::~ScriptedMessages() = default;
 int ScriptedMessages::MessageBox(std::string_view text, std::string_view caption,
                                  unsigned style) {
     shown.push_back(Shown{"box", std::string(text), std::string(caption), style});
+    if (whileShown) {
+        whileShown();
+    }
     if (!m_boxAnswers.empty()) {
         int answer = m_boxAnswers.front();
         m_boxAnswers.pop_front();
@@ -70,6 +73,9 @@ int ScriptedMessages::MessageBox(std::string_view text, std::string_view caption
 
 core::NoAskAnswer ScriptedMessages::AskNoAsk(std::string_view title, std::string_view message) {
     shown.push_back(Shown{"noask", std::string(message), std::string(title), 0});
+    if (whileShown) {
+        whileShown();
+    }
     if (!m_noAskAnswers.empty()) {
         core::NoAskAnswer answer = m_noAskAnswers.front();
         m_noAskAnswers.pop_front();

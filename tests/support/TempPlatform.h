@@ -2,6 +2,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -66,6 +67,8 @@ public:
 
     std::vector<Shown> shown;
     std::vector<unsigned> beeps;
+    // Runs while a message is "on screen", before it is answered (to test re-entry).
+    std::function<void()> whileShown;
 
 private:
     std::deque<int> m_boxAnswers;

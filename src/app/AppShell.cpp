@@ -1,0 +1,128 @@
+#include "app/AppShell.h"
+
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#ifdef QBRIX_HAVE_UI
+#include <QApplication>
+#include <QGuiApplication>
+#include <QSocketNotifier>
+
+#include "app/PanelFactory.h"
+#include "ui/ControlPanel.h"
+#include "ui/QtMessages.h"
+#endif
+
+namespace qbrix::app {
+
+namespace {
+
+sigset_t SessionEndSignals() {
+    sigset_t endSignals;
+    sigemptyset(&endSignals);
+    sigaddset(&endSignals, SIGTERM);
+    sigaddset(&endSignals, SIGINT);
+    sigaddset(&endSignals, SIGHUP);
+    return endSignals;
+}
+
+bool Set(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr && *value != '\0';
+}
+
+}  // namespace
+
+struct AppShell::State {
+#ifdef QBRIX_HAVE_UI
+    std::unique_ptr<QApplication> application;
+    std::unique_ptr<ui::ControlPanel> panel;
+    std::unique_ptr<ui::QtMessages> messages;
+    std::unique_ptr<core::ScopedMessages> messagesScope;
+#endif
+};
+
+AppShell::AppShell(int& argc, char** argv) : m_argc(argc), m_argv(argv), m_state(new State) {
+    // The session-end endSignals are taken synchronously by Run, never by a handler.
+    sigset_t endSignals = SessionEndSignals();
+    pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
+}
+
+AppShell::~AppShell() {
+#ifdef QBRIX_HAVE_UI
+    m_state->messagesScope.reset();
+    m_state->panel.reset();
+    m_state->application.reset();
+#endif
+}
+
+bool AppShell::HasDisplay() {
+#ifdef QBRIX_HAVE_UI
+    return Set("QT_QPA_PLATFORM") || Set("DISPLAY") || Set("WAYLAND_DISPLAY");
+#else
+    return false;
+#endif
+}
+
+void AppShell::Init() {
+#ifdef QBRIX_HAVE_UI
+    if (!HasDisplay() || m_state->application != nullptr) {
+        return;
+    }
+    m_state->application = std::make_unique<QApplication>(m_argc, m_argv);
+    QApplication::setQuitOnLastWindowClosed(false);
+    QString platform = QGuiApplication::platformName();
+    // Real dialogs only where somebody can answer them; offscreen runs keep the console.
+    if (platform != "offscreen" && platform != "minimal") {
+        m_state->messages = std::make_unique<ui::QtMessages>();
+        m_state->messagesScope = std::make_unique<core::ScopedMessages>(*m_state->messages);
+    }
+#endif
+}
+
+core::MainWindow* AppShell::CreatePanel() {
+#ifdef QBRIX_HAVE_UI
+    if (m_state->application == nullptr) {
+        return nullptr;
+    }
+    m_state->panel = std::make_unique<ui::ControlPanel>(BuildPanelParts());
+    QObject::connect(m_state->panel.get(), &ui::ControlPanel::ExitRequested,
+                     m_state->application.get(), &QCoreApplication::quit);
+    return m_state->panel.get();
+#else
+    return nullptr;
+#endif
+}
+
+void AppShell::Run() {
+    sigset_t endSignals = SessionEndSignals();
+#ifdef QBRIX_HAVE_UI
+    if (m_state->application != nullptr) {
+        int fd = signalfd(-1, &endSignals, SFD_CLOEXEC | SFD_NONBLOCK);
+        QSocketNotifier notifier(fd, QSocketNotifier::Read);
+        QObject::connect(&notifier, &QSocketNotifier::activated, [fd] {
+            signalfd_siginfo info;
+            while (::read(fd, &info, sizeof(info)) == sizeof(info)) {
+            }
+            QCoreApplication::quit();
+        });
+        QApplication::exec();
+        ::close(fd);
+        return;
+    }
+#endif
+    int received = 0;
+    sigwait(&endSignals, &received);
+}
+
+void AppShell::Exit() {
+#ifdef QBRIX_HAVE_UI
+    m_state->panel.reset();
+#endif
+}
+
+}  // namespace qbrix::app

@@ -1,0 +1,28 @@
+#include "app/PanelFactory.h"
+
+#include "core/StringTable.h"
+
+namespace qbrix::app {
+
+namespace {
+QString Str(int id) { return QString::fromStdString(core::LoadString(id)); }
+}  // namespace
+
+ui::PanelParts BuildPanelParts() {
+    ui::PanelParts parts;
+    // Pages whose subsystems are not in this build yet say what they will hold.
+    parts.pages = {
+        new ui::PlaceholderPage("Programs",
+                                "The programs known to the firewall and the zone of each."),
+        new ui::PlaceholderPage("Content Options",
+                                "The content rules of web and e-mail traffic and their options."),
+        new ui::PlaceholderPage("Zones", "The zones and their address rules."),
+        new ui::PlaceholderPage("Statistics", "Traffic per program by hour, day, weekday and month."),
+        new ui::PlaceholderPage("Settings", "Log files, quarantine, antivirus engine and default zone."),
+        new ui::PlaceholderPage(Str(113), "The firewall's connection decisions."),
+        new ui::PlaceholderPage(Str(112), "The content processor's events."),
+    };
+    return parts;
+}
+
+}  // namespace qbrix::app

@@ -1,0 +1,100 @@
+// The control panel: the one top-level window, a tabbed sheet of pages that is hidden and shown
+// but lives for the whole run. It owns the tray icon and its menu and the one-second timer that
+// drives all polling. It has no close box and ignores Alt+F4; only the tray's Exit ends the
+// program, after a warning that all Internet access will then be allowed.
+#pragma once
+
+#include <QPointer>
+#include <QSystemTrayIcon>
+#include <QTimer>
+#include <QWidget>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "core/ControlApp.h"
+#include "ui/PropertyPage.h"
+
+class QComboBox;
+class QGroupBox;
+class QMenu;
+class QPushButton;
+class QTabWidget;
+
+namespace qbrix::ui {
+
+// What the panel is built from: its pages in tab order and the work of each timer step.
+struct PanelParts {
+    // In tab order: Programs, content rules, Zones, Statistics, Settings, Internet Log,
+    // Content Log. The panel takes ownership.
+    std::vector<PropertyPage*> pages;
+    int settingsPageIndex = 4;
+    // The four steps of every tick, in this order. Each step guards itself against re-entry
+    // (the timer keeps firing while a step's modal dialog is open).
+    std::function<void()> askPendingApplication;
+    std::function<void()> pollActivity;
+    std::function<void()> drainContentEvents;
+    std::function<void()> refreshStatistics;
+    // Fills the tray's "Content Rules" pop-up; `greyed` while the panel is visible.
+    std::function<void(QMenu* menu, bool greyed)> fillContentRulesMenu;
+};
+
+class ControlPanel : public QWidget, public core::MainWindow {
+    Q_OBJECT
+public:
+    static constexpr int kTimerPeriodMs = 1000;
+    static constexpr int kAboutCommand = 5008;
+    static constexpr int kSettingCommand = 5009;
+    static constexpr int kShowPanelCommand = 5010;
+    static constexpr int kExitCommand = 5011;
+    static constexpr int kHelpCommand = 5015;
+
+    explicit ControlPanel(PanelParts parts, QWidget* parent = nullptr);
+    ~ControlPanel() override;
+
+    // Tray commands.
+    void ShowPanel(int pageIndex);
+    void ShowAbout();
+    void OpenHelp();
+    void ExitCommand();
+    // The OK ("Close") button: page save check, then hide.
+    void HidePanel();
+    // Asks the active page to save or discard its unsaved changes.
+    void PageSaveCheck();
+    // One timer tick: the four steps in order.
+    void Tick();
+    // The tray menu, built anew on every right click; the caller owns it.
+    QMenu* BuildTrayMenu();
+    // Adds the tray icon again (the notification area came back).
+    void AddTrayIcon();
+
+    QTabWidget* Tabs() const { return m_tabs; }
+    QComboBox* ZoneOverrideSelector() const { return m_zoneOverride; }
+    QSystemTrayIcon* TrayIcon() const { return m_tray.get(); }
+    bool ExitConfirmed() const { return m_closing; }
+
+signals:
+    // The user confirmed Exit: the application should end its event loop.
+    void ExitRequested();
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+
+private:
+    void OnTrayActivated(QSystemTrayIcon::ActivationReason reason);
+    void OnTimer();
+
+    PanelParts m_parts;
+    QTabWidget* m_tabs = nullptr;
+    QGroupBox* m_zoneProfile = nullptr;
+    QComboBox* m_zoneOverride = nullptr;
+    QPushButton* m_closeButton = nullptr;
+    std::unique_ptr<QSystemTrayIcon> m_tray;
+    QPointer<QMenu> m_trayMenu;
+    QTimer m_timer;
+    bool m_aboutOpen = false;
+    bool m_exitPromptOpen = false;
+    bool m_closing = false;
+};
+
+}  // namespace qbrix::ui

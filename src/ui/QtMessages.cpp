@@ -1,0 +1,102 @@
+#include "ui/QtMessages.h"
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QDialogButtonBox>
+#include <QLabel>
+#include <QMessageBox>
+#include <QVBoxLayout>
+
+namespace qbrix::ui {
+
+namespace {
+
+QString FromView(std::string_view text) {
+    return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
+}
+
+QMessageBox::Icon IconOf(unsigned style) {
+    switch (style & 0xF0) {
+        case core::MB_ICONERROR:
+            return QMessageBox::Critical;
+        case core::MB_ICONQUESTION:
+            return QMessageBox::Question;
+        case core::MB_ICONWARNING:
+            return QMessageBox::Warning;
+        case core::MB_ICONINFORMATION:
+            return QMessageBox::Information;
+        default:
+            return QMessageBox::NoIcon;
+    }
+}
+
+}  // namespace
+
+int QtMessages::MessageBox(std::string_view text, std::string_view caption, unsigned style) {
+    QMessageBox box(IconOf(style), FromView(caption), FromView(text));
+    struct Choice {
+        QMessageBox::StandardButton button;
+        int id;
+    };
+    std::vector<Choice> choices;
+    switch (style & 0xF) {
+        case core::MB_OKCANCEL:
+            choices = {{QMessageBox::Ok, core::IDOK}, {QMessageBox::Cancel, core::IDCANCEL}};
+            break;
+        case core::MB_YESNOCANCEL:
+            choices = {{QMessageBox::Yes, core::IDYES},
+                       {QMessageBox::No, core::IDNO},
+                       {QMessageBox::Cancel, core::IDCANCEL}};
+            break;
+        case core::MB_YESNO:
+            choices = {{QMessageBox::Yes, core::IDYES}, {QMessageBox::No, core::IDNO}};
+            break;
+        default:
+            choices = {{QMessageBox::Ok, core::IDOK}};
+            break;
+    }
+    QMessageBox::StandardButtons buttons;
+    for (const Choice& choice : choices) {
+        buttons |= choice.button;
+    }
+    box.setStandardButtons(buttons);
+    std::size_t defaultIndex = (style & core::MB_DEFBUTTON2) != 0 && choices.size() > 1 ? 1 : 0;
+    box.setDefaultButton(choices[defaultIndex].button);
+    auto pressed = static_cast<QMessageBox::StandardButton>(box.exec());
+    for (const Choice& choice : choices) {
+        if (choice.button == pressed) {
+            return choice.id;
+        }
+    }
+    // Closed with Escape: the Cancel or No answer, as the platform's box gives.
+    return choices.back().id;
+}
+
+core::NoAskAnswer QtMessages::AskNoAsk(std::string_view title, std::string_view message) {
+    NoAskWindow window(FromView(title), FromView(message));
+    bool ok = window.exec() == QDialog::Accepted;
+    return core::NoAskAnswer{ok, ok && window.DontAskAgain()};
+}
+
+void QtMessages::Beep(unsigned /*type*/) { QApplication::beep(); }
+
+NoAskWindow::NoAskWindow(const QString& title, const QString& message, QWidget* parent)
+    : QDialog(parent) {
+    setObjectName("NoAskDialog");
+    setWindowTitle(title);
+    auto* layout = new QVBoxLayout(this);
+    auto* text = new QLabel(message, this);
+    text->setWordWrap(true);
+    text->setMinimumWidth(300);
+    layout->addWidget(text);
+    m_dontAsk = new QCheckBox("Don't ask me again", this);
+    layout->addWidget(m_dontAsk);
+    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, this);
+    connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
+    connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
+    layout->addWidget(buttons);
+}
+
+bool NoAskWindow::DontAskAgain() const { return m_dontAsk->isChecked(); }
+
+}  // namespace qbrix::ui

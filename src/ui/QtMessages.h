@@ -1,0 +1,30 @@
+// The message facade with real dialogs: message boxes and the don't-ask-again dialog.
+#pragma once
+
+#include <QDialog>
+
+#include "core/Messages.h"
+
+class QCheckBox;
+
+namespace qbrix::ui {
+
+class QtMessages : public core::Messages {
+public:
+    int MessageBox(std::string_view text, std::string_view caption, unsigned style) override;
+    core::NoAskAnswer AskNoAsk(std::string_view title, std::string_view message) override;
+    void Beep(unsigned type) override;
+};
+
+// A modal dialog with one text, a "Don't ask me again" box, OK and Cancel.
+class NoAskWindow : public QDialog {
+    Q_OBJECT
+public:
+    NoAskWindow(const QString& title, const QString& message, QWidget* parent = nullptr);
+    bool DontAskAgain() const;
+
+private:
+    QCheckBox* m_dontAsk;
+};
+
+}  // namespace qbrix::ui
