@@ -30,7 +30,7 @@ sigset_t SessionEndSignals() {
     return endSignals;
 }
 
-bool Set(const char* name) {
+[[maybe_unused]] bool Set(const char* name) {
     const char* value = std::getenv(name);
     return value != nullptr && *value != '\0';
 }
