@@ -7,9 +7,7 @@ namespace qbrix::app {
 
 // This build carries no driver link yet: the device cannot be opened, so start-up stops at the
 // device check with a message, and the installation commands have nothing to install.
-int AppLinks::InstallDriver(int) {
-    return 0;
-}
+int AppLinks::InstallDriver(int) { return 0; }
 void AppLinks::RemoveDriver(int) {}
 int AppLinks::InstallLayeredProvider() {
     return provider_install::ProviderInstaller().InstallLayeredProvider();
@@ -17,12 +15,8 @@ int AppLinks::InstallLayeredProvider() {
 void AppLinks::RemoveLayeredProvider() {
     provider_install::ProviderInstaller().RemoveLayeredProvider();
 }
-int AppLinks::OpenDriverDevice(int) {
-    return 1;
-}
-int AppLinks::CheckDriverVersion() {
-    return 1;
-}
+int AppLinks::OpenDriverDevice(int) { return 1; }
+int AppLinks::CheckDriverVersion() { return 1; }
 void AppLinks::SetFilteringState(int) {}
 void AppLinks::CloseDriverDevice() {}
 void AppLinks::ShowDriverErrors() {
@@ -30,8 +24,6 @@ void AppLinks::ShowDriverErrors() {
                                        core::MB_OK | core::MB_ICONERROR);
 }
 void AppLinks::LoadZoneList() {}
-core::MainWindow* AppLinks::CreateControlPanel() {
-    return nullptr;
-}
+core::MainWindow* AppLinks::CreateControlPanel() { return nullptr; }
 
 }  // namespace qbrix::app
