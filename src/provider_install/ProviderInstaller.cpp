@@ -1,5 +1,6 @@
 #include "provider_install/ProviderInstaller.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
