@@ -1,6 +1,7 @@
 #include "app/AppLinks.h"
 
 #include "core/Messages.h"
+#include "provider_install/ProviderInstaller.h"
 
 namespace qbrix::app {
 
@@ -8,8 +9,12 @@ namespace qbrix::app {
 // device check with a message, and the installation commands have nothing to install.
 int AppLinks::InstallDriver(int) { return 0; }
 void AppLinks::RemoveDriver(int) {}
-int AppLinks::InstallLayeredProvider() { return 0; }
-void AppLinks::RemoveLayeredProvider() {}
+int AppLinks::InstallLayeredProvider() {
+    return provider_install::ProviderInstaller().InstallLayeredProvider();
+}
+void AppLinks::RemoveLayeredProvider() {
+    provider_install::ProviderInstaller().RemoveLayeredProvider();
+}
 int AppLinks::OpenDriverDevice(int) { return 1; }
 int AppLinks::CheckDriverVersion() { return 1; }
 void AppLinks::SetFilteringState(int) {}
