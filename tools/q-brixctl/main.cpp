@@ -1,0 +1,44 @@
+// q-brixctl: the administrator's and the tests' window into the program's state on a data root.
+//   q-brixctl [--root DIR] catalog          list the socket-provider catalog
+//   q-brixctl [--root DIR] catalog reset    restore the seeded base catalog
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "CatalogCommand.h"
+#include "platform/posix/PosixPlatform.h"
+
+namespace {
+
+int Usage(const std::string& problem) {
+    if (!problem.empty()) {
+        std::cerr << "q-brixctl: " << problem << "\n";
+    }
+    std::cerr << "usage: q-brixctl [--root DIR] catalog [reset]\n";
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace qbrix;
+    std::vector<std::string> args(argv + 1, argv + argc);
+    platform::SystemInfo info = platform::DetectSystemInfo();
+    if (!args.empty() && args[0] == "--root") {
+        if (args.size() < 2) {
+            return Usage("--root needs a directory");
+        }
+        info.dataRoot = args[1];
+        args.erase(args.begin(), args.begin() + 2);
+    }
+    if (args.empty()) {
+        return Usage("no command given");
+    }
+    platform::ScopedPlatform installed(platform::MakePosixPlatform(info));
+    std::string command = args[0];
+    args.erase(args.begin());
+    if (command == "catalog") {
+        return tools::RunCatalogCommand(args, std::cout, std::cerr);
+    }
+    return Usage("unknown command '" + command + "'");
+}
