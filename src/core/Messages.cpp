@@ -112,6 +112,41 @@ void ConsoleMessages::Beep(unsigned /*type*/) {
     }
 }
 
+std::string Messages::AskSaveFileName(std::string_view, std::string_view, std::string_view,
+                                      std::string_view) {
+    return std::string();
+}
+
+std::string Messages::AskOpenFileName(std::string_view, std::string_view, std::string_view) {
+    return std::string();
+}
+
+std::string ConsoleMessages::AskPath(std::string_view title, std::string_view defaultExtension) {
+    std::fprintf(m_out, "[%.*s] ", static_cast<int>(title.size()), title.data());
+    if (!Interactive()) {
+        std::fputs("no terminal to ask for a file name: cancelled\n", m_out);
+        return std::string();
+    }
+    std::fputs("file name (empty to cancel)? ", m_out);
+    std::fflush(m_out);
+    std::string path = ReadAnswer();
+    if (!path.empty() && !defaultExtension.empty() && path.find('.') == std::string::npos) {
+        path.append(".").append(defaultExtension);
+    }
+    return path;
+}
+
+std::string ConsoleMessages::AskSaveFileName(std::string_view title, std::string_view,
+                                             std::string_view defaultExtension,
+                                             std::string_view) {
+    return AskPath(title, defaultExtension);
+}
+
+std::string ConsoleMessages::AskOpenFileName(std::string_view title, std::string_view,
+                                             std::string_view defaultExtension) {
+    return AskPath(title, defaultExtension);
+}
+
 Messages& CurrentMessages() {
     static ConsoleMessages console;
     Messages* installed = g_messages.load();

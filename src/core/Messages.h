@@ -40,6 +40,14 @@ public:
     virtual NoAskAnswer AskNoAsk(std::string_view title, std::string_view message) = 0;
     // An audible alert of the given message-box icon type.
     virtual void Beep(unsigned type) = 0;
+    // The platform's file dialogs. `filter` is a list of "Description|*.ext" pairs separated by
+    // '|', empty for none. The chosen full path, or an empty text for Cancel. Saving asks before
+    // an existing file is overwritten.
+    virtual std::string AskSaveFileName(std::string_view title, std::string_view filter,
+                                        std::string_view defaultExtension,
+                                        std::string_view initialName);
+    virtual std::string AskOpenFileName(std::string_view title, std::string_view filter,
+                                        std::string_view defaultExtension);
 };
 
 // Without a display: prints each message to the error stream and reads the answer from the
@@ -51,8 +59,14 @@ public:
     int MessageBox(std::string_view text, std::string_view caption, unsigned style) override;
     NoAskAnswer AskNoAsk(std::string_view title, std::string_view message) override;
     void Beep(unsigned type) override;
+    std::string AskSaveFileName(std::string_view title, std::string_view filter,
+                                std::string_view defaultExtension,
+                                std::string_view initialName) override;
+    std::string AskOpenFileName(std::string_view title, std::string_view filter,
+                                std::string_view defaultExtension) override;
 
 private:
+    std::string AskPath(std::string_view title, std::string_view defaultExtension);
     bool Interactive() const;
     std::string ReadAnswer();
 

@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QDialogButtonBox>
+#include <QFileDialog>
 #include <QLabel>
 #include <QMessageBox>
 #include <QVBoxLayout>
@@ -79,6 +80,47 @@ core::NoAskAnswer QtMessages::AskNoAsk(std::string_view title, std::string_view 
 }
 
 void QtMessages::Beep(unsigned /*type*/) { QApplication::beep(); }
+
+namespace {
+
+// "Description|*.ext|Description|*.ext" to Qt's "Description (*.ext);;Description (*.ext)".
+QString QtFilter(std::string_view filter) {
+    QStringList parts = FromView(filter).split('|', Qt::SkipEmptyParts);
+    QStringList entries;
+    for (int i = 0; i + 1 < parts.size(); i += 2) {
+        entries << QString("%1 (%2)").arg(parts[i], QString(parts[i + 1]).replace(';', ' '));
+    }
+    return entries.join(";;");
+}
+
+std::string Chosen(QFileDialog& dialog, std::string_view defaultExtension) {
+    if (!defaultExtension.empty()) {
+        dialog.setDefaultSuffix(FromView(defaultExtension));
+    }
+    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty()) {
+        return std::string();
+    }
+    return dialog.selectedFiles().first().toStdString();
+}
+
+}  // namespace
+
+std::string QtMessages::AskSaveFileName(std::string_view title, std::string_view filter,
+                                        std::string_view defaultExtension,
+                                        std::string_view initialName) {
+    QFileDialog dialog(nullptr, FromView(title), FromView(initialName), QtFilter(filter));
+    dialog.setAcceptMode(QFileDialog::AcceptSave);
+    dialog.setFileMode(QFileDialog::AnyFile);
+    return Chosen(dialog, defaultExtension);
+}
+
+std::string QtMessages::AskOpenFileName(std::string_view title, std::string_view filter,
+                                        std::string_view defaultExtension) {
+    QFileDialog dialog(nullptr, FromView(title), QString(), QtFilter(filter));
+    dialog.setAcceptMode(QFileDialog::AcceptOpen);
+    dialog.setFileMode(QFileDialog::ExistingFile);
+    return Chosen(dialog, defaultExtension);
+}
 
 NoAskWindow::NoAskWindow(const QString& title, const QString& message, QWidget* parent)
     : QDialog(parent) {

@@ -14,6 +14,11 @@ public:
     int MessageBox(std::string_view text, std::string_view caption, unsigned style) override;
     core::NoAskAnswer AskNoAsk(std::string_view title, std::string_view message) override;
     void Beep(unsigned type) override;
+    std::string AskSaveFileName(std::string_view title, std::string_view filter,
+                                std::string_view defaultExtension,
+                                std::string_view initialName) override;
+    std::string AskOpenFileName(std::string_view title, std::string_view filter,
+                                std::string_view defaultExtension) override;
 };
 
 // A modal dialog with one text, a "Don't ask me again" box, OK and Cancel.

@@ -86,6 +86,28 @@ core::NoAskAnswer ScriptedMessages::AskNoAsk(std::string_view title, std::string
 
 void ScriptedMessages::Beep(unsigned type) { beeps.push_back(type); }
 
+std::string ScriptedMessages::AskSaveFileName(std::string_view title, std::string_view,
+                                              std::string_view, std::string_view) {
+    shown.push_back(Shown{"save", "", std::string(title), 0});
+    if (m_fileAnswers.empty()) {
+        return std::string();
+    }
+    std::string answer = m_fileAnswers.front();
+    m_fileAnswers.pop_front();
+    return answer;
+}
+
+std::string ScriptedMessages::AskOpenFileName(std::string_view title, std::string_view,
+                                              std::string_view) {
+    shown.push_back(Shown{"open", "", std::string(title), 0});
+    if (m_fileAnswers.empty()) {
+        return std::string();
+    }
+    std::string answer = m_fileAnswers.front();
+    m_fileAnswers.pop_front();
+    return answer;
+}
+
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream content;

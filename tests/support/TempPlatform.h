@@ -49,7 +49,7 @@ private:
 class ScriptedMessages : public core::Messages {
 public:
     struct Shown {
-        std::string kind;  // "box" or "noask"
+        std::string kind;  // "box", "noask", "save" or "open"
         std::string text;
         std::string caption;
         unsigned style = 0;
@@ -64,6 +64,13 @@ public:
 
     void QueueBoxAnswer(int answer) { m_boxAnswers.push_back(answer); }
     void QueueNoAskAnswer(core::NoAskAnswer answer) { m_noAskAnswers.push_back(answer); }
+    // File dialogs answer from this queue (an empty text is Cancel; Cancel when it is empty).
+    std::string AskSaveFileName(std::string_view title, std::string_view filter,
+                                std::string_view defaultExtension,
+                                std::string_view initialName) override;
+    std::string AskOpenFileName(std::string_view title, std::string_view filter,
+                                std::string_view defaultExtension) override;
+    void QueueFileAnswer(std::string path) { m_fileAnswers.push_back(std::move(path)); }
 
     std::vector<Shown> shown;
     std::vector<unsigned> beeps;
@@ -73,6 +80,7 @@ public:
 private:
     std::deque<int> m_boxAnswers;
     std::deque<core::NoAskAnswer> m_noAskAnswers;
+    std::deque<std::string> m_fileAnswers;
     core::ScopedMessages m_scope;
 };
 
