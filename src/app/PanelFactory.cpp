@@ -1,6 +1,7 @@
 #include "app/PanelFactory.h"
 
 #include "core/StringTable.h"
+#include "ui/SettingsPage.h"
 
 namespace qbrix::app {
 
@@ -18,7 +19,7 @@ ui::PanelParts BuildPanelParts() {
                                 "The content rules of web and e-mail traffic and their options."),
         new ui::PlaceholderPage("Zones", "The zones and their address rules."),
         new ui::PlaceholderPage("Statistics", "Traffic per program by hour, day, weekday and month."),
-        new ui::PlaceholderPage("Settings", "Log files, quarantine, antivirus engine and default zone."),
+        new ui::SettingsPage(ui::DefaultZoneBinding{}, nullptr),
         new ui::PlaceholderPage(Str(113), "The firewall's connection decisions."),
         new ui::PlaceholderPage(Str(112), "The content processor's events."),
     };

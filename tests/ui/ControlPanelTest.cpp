@@ -159,10 +159,3 @@ TEST_F(ControlPanelTest, TrayIconComesBackWhenTheTrayReturns) {
 
 }  // namespace
 }  // namespace qbrix::ui
-
-int main(int argc, char** argv) {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    QApplication application(argc, argv);
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}
