@@ -262,6 +262,7 @@ TEST_F(RegToolTest, AddStoresEachTypesBytes) {
     EXPECT_EQ(0, Run({"add", k, "/v", "e", "/t", "REG_EXPAND_SZ", "/d", "%X%"}).status);
     EXPECT_EQ(0, Run({"add", k, "/v", "none", "/t", "REG_NONE"}).status);
     EXPECT_EQ(0, Run({"add", k, "/d", "unnamed"}).status);
+    EXPECT_EQ(0, Run({"add", k, "/v", "/?", "/d", "--root"}).status);  // option arguments
     Result created = Run({"add", "HKLM\\A\\Empty\\Key"});
     EXPECT_EQ(0, created.status);
     EXPECT_EQ(std::string(RegCommand::kCompleted) + "\n", created.out);
@@ -277,6 +278,7 @@ TEST_F(RegToolTest, AddStoresEachTypesBytes) {
     EXPECT_EQ(std::make_pair(REG_EXPAND_SZ, Text("%X%")), Get(HKEY_LOCAL_MACHINE, "A", "e"));
     EXPECT_EQ(std::make_pair(REG_NONE, std::string()), Get(HKEY_LOCAL_MACHINE, "A", "none"));
     EXPECT_EQ(std::make_pair(REG_SZ, Text("unnamed")), Get(HKEY_LOCAL_MACHINE, "A", ""));
+    EXPECT_EQ(std::make_pair(REG_SZ, Text("--root")), Get(HKEY_LOCAL_MACHINE, "A", "/?"));
     EXPECT_TRUE(Exists(HKEY_LOCAL_MACHINE, "A\\Empty\\Key"));
 }
 
@@ -534,6 +536,9 @@ TEST_F(RegToolTest, MalformedFilesAreRefusedWithTheirLineAndWriteNothing) {
     Result missing = Run({"import", m_files.File("absent.reg")});
     EXPECT_EQ(1, missing.status);
     EXPECT_EQ(0u, missing.err.rfind("ERROR: cannot read", 0));
+    Result directory = Run({"import", m_files.Path()});
+    EXPECT_EQ(1, directory.status);
+    EXPECT_EQ(0u, directory.err.rfind("ERROR: cannot read", 0));
 }
 
 TEST_F(RegToolTest, ImportDeletesKeysAndValuesMarkedWithMinus) {

@@ -309,9 +309,10 @@ LONG StoredPath(const RegKeyPath& typed, RegKeyPath* stored) {
     return 0;
 }
 
-int ReportRegistryError(RegConsole& console, LONG rc) {
-    if (rc == static_cast<LONG>(platform::ERROR_FILE_NOT_FOUND) ||
-        rc == static_cast<LONG>(platform::ERROR_PATH_NOT_FOUND)) {
+// `context` (e.g. "line 4: cannot write [KEY]: ") goes before the platform's message text.
+int ReportRegistryError(RegConsole& console, LONG rc, const std::string& context = "") {
+    if (context.empty() && (rc == static_cast<LONG>(platform::ERROR_FILE_NOT_FOUND) ||
+                            rc == static_cast<LONG>(platform::ERROR_PATH_NOT_FOUND))) {
         console.err << RegCommand::kNotFound << "\n";
         return RegCommand::kFailure;
     }
@@ -322,7 +323,7 @@ int ReportRegistryError(RegConsole& console, LONG rc) {
     if (text.empty()) {
         text = "Error accessing the registry (error " + std::to_string(rc) + ").";
     }
-    console.err << "ERROR: " << text << "\n";
+    console.err << "ERROR: " << context << text << "\n";
     return RegCommand::kFailure;
 }
 
@@ -477,7 +478,11 @@ int RegCommand::Parse(const std::vector<std::string>& args, RegCommand* command,
     std::vector<std::string> words;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        if (arg == "--root") {
+        // The word after /v, /t or /d is that option's argument, whatever it looks like.
+        std::string previous = i > 0 ? Upper(args[i - 1]) : std::string();
+        if (previous == "/V" || previous == "/T" || previous == "/D") {
+            words.push_back(arg);
+        } else if (arg == "--root") {
             if (i + 1 >= args.size() || args[i + 1].empty()) {
                 *error = "--root needs a directory";
                 return 1;
@@ -861,6 +866,11 @@ int RegCommand::Export(RegConsole& console) const {
 }
 
 int RegCommand::Import(RegConsole& console) const {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(m_file, ignored)) {
+        console.err << "ERROR: cannot read " << m_file << ": it is a directory\n";
+        return kFailure;
+    }
     std::ifstream stream(m_file, std::ios::binary);
     std::ostringstream content;
     if (stream) {
@@ -904,9 +914,9 @@ int RegCommand::Import(RegConsole& console) const {
             }
         }
         if (rc != 0) {
-            console.err << "ERROR: line " << section.line << ": cannot write [" << path.Full()
-                        << "]\n";
-            return ReportRegistryError(console, rc);
+            return ReportRegistryError(
+                console, rc,
+                "line " + std::to_string(section.line) + ": cannot write [" + path.Full() + "]: ");
         }
     }
     console.out << kCompleted << "\n";
