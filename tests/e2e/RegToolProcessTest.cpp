@@ -1,0 +1,77 @@
+// The built q-brix-reg program run as a real process on a temporary data root: exit statuses,
+// no waiting for an answer without a terminal, and an export-delete-import round trip.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "support/TempPlatform.h"
+
+namespace qbrix::test {
+namespace {
+
+class RegToolProcessTest : public ::testing::Test {
+  protected:
+    struct Outcome {
+        int status = -1;
+        std::string out;
+        std::string err;
+    };
+
+    // Runs the tool with standard input from /dev/null, as under CI.
+    Outcome Run(const std::string& arguments) {
+        std::string command = std::string("'") + QBRIX_REG_TOOL + "' --root '" +
+                              m_dir.File("root") + "' " + arguments + " </dev/null >'" +
+                              m_dir.File("out") + "' 2>'" + m_dir.File("err") + "'";
+        int raw = std::system(command.c_str());
+        Outcome outcome;
+        outcome.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+        outcome.out = ReadFile(m_dir.File("out"));
+        outcome.err = ReadFile(m_dir.File("err"));
+        return outcome;
+    }
+
+    TempDirectory m_dir;
+};
+
+TEST_F(RegToolProcessTest, ExitStatusesAndARoundTrip) {
+    Outcome missing = Run("query 'HKLM\\SOFTWARE\\korvel-soft'");
+    EXPECT_EQ(1, missing.status);
+    EXPECT_EQ("ERROR: The system was unable to find the specified registry key or value.\n",
+              missing.err);
+
+    Outcome usage = Run("add 'HKLM\\SOFTWARE\\korvel-soft' /t REG_DWORD /d nine");
+    EXPECT_EQ(2, usage.status);
+    EXPECT_NE(std::string::npos, usage.err.find("Usage: q-brix-reg"));
+
+    const std::string key = "'HKLM\\SOFTWARE\\korvel-soft\\q-Brix\\GUI\\3.1'";
+    EXPECT_EQ(0, Run("add " + key + " /v DefZone /t REG_DWORD /d 3").status);
+    EXPECT_EQ(0, Run("add " + key + "'\\FWLog' /v FileName /d 'C:\\logs\\fw.log'").status);
+    EXPECT_EQ(0, Run("add " + key + " /v Blob /t REG_BINARY /d 00FF").status);
+    // Without a terminal and without /f the tool refuses at once rather than wait.
+    Outcome refused = Run("add " + key + " /v DefZone /t REG_DWORD /d 4");
+    EXPECT_EQ(1, refused.status);
+    EXPECT_NE(std::string::npos, refused.err.find("/f"));
+
+    Outcome query = Run("query " + key);
+    EXPECT_EQ(0, query.status);
+    EXPECT_NE(std::string::npos, query.out.find("\n    DefZone    REG_DWORD    0x3\n"));
+
+    const std::string file = m_dir.File("tree.reg");
+    EXPECT_EQ(0, Run("export 'HKLM\\SOFTWARE\\korvel-soft' '" + file + "'").status);
+    EXPECT_EQ(0, Run("delete 'HKLM\\SOFTWARE\\korvel-soft' /f").status);
+    EXPECT_EQ(1, Run("query " + key).status);
+    EXPECT_EQ(0, Run("import '" + file + "'").status);
+    Outcome restored = Run("query 'HKLM\\SOFTWARE\\korvel-soft' /s");
+    EXPECT_EQ(0, restored.status);
+    EXPECT_NE(std::string::npos, restored.out.find("    Blob    REG_BINARY    00FF\n"));
+    EXPECT_NE(std::string::npos, restored.out.find("    FileName    REG_SZ    C:\\logs\\fw.log\n"));
+    const std::string again = m_dir.File("again.reg");
+    EXPECT_EQ(0, Run("export 'HKLM\\SOFTWARE\\korvel-soft' '" + again + "'").status);
+    EXPECT_EQ(ReadFile(file), ReadFile(again));
+}
+
+}  // namespace
+}  // namespace qbrix::test
