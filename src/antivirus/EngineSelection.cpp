@@ -2,14 +2,12 @@
 
 #include <memory>
 #include <new>
-#include <optional>
 
 #include "antivirus/Nod32Engine.h"
 #include "antivirus/SophosEngine.h"
 #include "antivirus/UnaEngine.h"
+#include "content/LspSettings.h"
 #include "core/DiagLog.h"
-#include "core/RegistryKey.h"
-#include "core/RegistryPaths.h"
 
 namespace qbrix::antivirus {
 
@@ -17,8 +15,6 @@ namespace {
 
 std::unique_ptr<ScanEngine> g_currentEngine;
 std::string g_currentEngineName;
-EngineNameSource g_engineNameSource;
-std::optional<std::string> g_storedEngineName;  // the default source reads once per process
 EngineFactory g_engineFactory;
 
 ScanEngine* MakeEngine(EngineKind kind) {
@@ -93,19 +89,8 @@ const std::string& CurrentEngineName() {
     return g_currentEngineName;
 }
 
-void SetStoredEngineNameSource(EngineNameSource source) {
-    g_engineNameSource = std::move(source);
-}
-
 std::string StoredEngineName() {
-    if (g_engineNameSource) {
-        return g_engineNameSource();
-    }
-    if (!g_storedEngineName) {
-        core::RegistryKey key(core::kAvSuffix, core::kLspRootPath);
-        g_storedEngineName = key.GetString(core::kAvNameValue, "");
-    }
-    return *g_storedEngineName;
+    return content::LoadAvEngineName(content::g_lspSettings);
 }
 
 void SetEngineFactory(EngineFactory factory) {
@@ -114,8 +99,6 @@ void SetEngineFactory(EngineFactory factory) {
 
 void ResetEngineSelection() {
     ReleaseScanEngine();
-    g_engineNameSource = nullptr;
-    g_storedEngineName.reset();
     g_engineFactory = nullptr;
 }
 

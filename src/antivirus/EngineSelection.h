@@ -30,11 +30,8 @@ void ReleaseScanEngine();
 ScanEngine* CurrentEngine();
 const std::string& CurrentEngineName();
 
-// Where the stored engine name ("AVName") comes from. The owner of the content-processor
-// settings installs its accessor here; until then (and after a null source is installed) the
-// value "AVName" of the LSP "AV" key is read once per process, with an empty default.
-using EngineNameSource = std::function<std::string()>;
-void SetStoredEngineNameSource(EngineNameSource source);
+// The stored engine name: "AVName" as the content-processor settings hold it (loaded once per
+// process).
 std::string StoredEngineName();
 
 // Makes connectors; tests replace it to watch creation or to fail it (a null engine stands for
@@ -43,8 +40,8 @@ enum class EngineKind { Sophos, Una, Nod32 };
 using EngineFactory = std::function<ScanEngine*(EngineKind)>;
 void SetEngineFactory(EngineFactory factory);
 
-// Destroys the current engine and clears the name, the cached stored name, the name source and
-// the factory (tests start each case from a fresh process state).
+// Destroys the current engine and clears the name and the factory (tests start each case from
+// a fresh process state).
 void ResetEngineSelection();
 
 }  // namespace qbrix::antivirus

@@ -17,6 +17,7 @@
 #include "antivirus/EngineSelection.h"
 #include "antivirus/Nod32Engine.h"
 #include "antivirus/SophosEngine.h"
+#include "content/LspSettings.h"
 #include "core/RegistryKey.h"
 #include "platform/Platform.h"
 #include "platform/WideText.h"
@@ -31,6 +32,7 @@ inline std::string StandInDirectory(const std::string& name) {
 class AntivirusFixture : public ::testing::Test {
   protected:
     AntivirusFixture() {
+        content::g_lspSettings.Reset();
         ResetEngineSelection();
         ResetNod32Library();
         ResetQuarantineFolder();
@@ -41,6 +43,7 @@ class AntivirusFixture : public ::testing::Test {
     }
     ~AntivirusFixture() override {
         ResetEngineSelection();
+        content::g_lspSettings.Reset();
         ResetNod32Library();
         ResetQuarantineFolder();
         ::unsetenv("QBRIX_STANDIN_LOG");
