@@ -1,0 +1,44 @@
+// q-brixctl: the administrator's and the tests' window into the program's state on a data root.
+//   q-brixctl [--root DIR] av scan FILE [--engine NAME]   scan one file with an antivirus engine
+//   q-brixctl [--root DIR] av test [--engine NAME]        run the antivirus self-test
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "AvCommand.h"
+#include "platform/posix/PosixPlatform.h"
+
+namespace {
+
+int Usage(const std::string& problem) {
+    if (!problem.empty()) {
+        std::cerr << "q-brixctl: " << problem << "\n";
+    }
+    std::cerr << "usage: q-brixctl [--root DIR] av (scan FILE | test) [--engine NAME]\n";
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace qbrix;
+    std::vector<std::string> args(argv + 1, argv + argc);
+    platform::SystemInfo info = platform::DetectSystemInfo();
+    if (!args.empty() && args[0] == "--root") {
+        if (args.size() < 2) {
+            return Usage("--root needs a directory");
+        }
+        info.dataRoot = args[1];
+        args.erase(args.begin(), args.begin() + 2);
+    }
+    if (args.empty()) {
+        return Usage("no command given");
+    }
+    platform::ScopedPlatform installed(platform::MakePosixPlatform(info));
+    std::string command = args[0];
+    args.erase(args.begin());
+    if (command == "av") {
+        return tools::RunAvCommand(args, std::cout, std::cerr);
+    }
+    return Usage("unknown command '" + command + "'");
+}
