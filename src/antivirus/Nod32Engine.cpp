@@ -268,6 +268,10 @@ std::int32_t Nod32Engine::ScanFile(const char* path, std::string& message, std::
 }
 
 Nod32Engine::~Nod32Engine() {
+    // Without a platform the library went with its loader: there is nothing left to call.
+    if (!platform::IsInstalled()) {
+        return;
+    }
     SetScalar(m_session, 0x4003, 1);
     Nod32CloseSession(m_session);
     // The session value names no kernel object of this platform, so waiting on it as on a
