@@ -92,6 +92,18 @@ bool Libraries::Free(HMODULE module) {
     return true;
 }
 
+std::shared_ptr<void> Libraries::HoldLibraryOf(const void* code) {
+    Dl_info info{};
+    if (code == nullptr || dladdr(code, &info) == 0 || info.dli_fname == nullptr) {
+        return nullptr;
+    }
+    void* dl = dlopen(info.dli_fname, RTLD_NOW | RTLD_NOLOAD);
+    if (dl == nullptr) {
+        return nullptr;
+    }
+    return std::shared_ptr<void>(dl, [](void* handle) { dlclose(handle); });
+}
+
 void Libraries::RegisterBuiltin(std::string_view name, Exports exports) {
     std::lock_guard guard(m_lock);
     m_builtins[ToUpperAscii(name)] = std::move(exports);

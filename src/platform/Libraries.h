@@ -4,6 +4,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -29,6 +30,12 @@ public:
     // again replaces its exports (tests use this to take a function away).
     void RegisterBuiltin(std::string_view name, Exports exports);
     void UnregisterBuiltin(std::string_view name);
+
+    // Keeps the shared library that holds `code` mapped while the result lives, whatever Free
+    // and the loader's own end do meanwhile: a thread still running in a library that its
+    // caller has given up on must not have the code unmapped under it. Null when `code` lies in
+    // no loaded shared library.
+    static std::shared_ptr<void> HoldLibraryOf(const void* code);
 
 private:
     std::mutex m_lock;

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <map>
 
+#include "platform/ComponentLoader.h"
 #include "platform/Security.h"
 
 namespace qbrix::platform {
@@ -18,7 +19,9 @@ thread_local DWORD t_lastError = 0;
 }  // namespace
 
 Platform::Platform(SystemInfo info, std::unique_ptr<Registry> registry)
-    : m_info(std::move(info)), m_registry(std::move(registry)) {
+    : m_info(std::move(info)),
+      m_registry(std::move(registry)),
+      m_components(std::make_unique<ComponentLoader>(m_libraries)) {
     RegisterSystemModules(m_libraries);
 }
 

@@ -31,6 +31,8 @@ struct SystemInfo {
     UserIdentity user;
 };
 
+class ComponentLoader;
+
 class Platform {
 public:
     Platform(SystemInfo info, std::unique_ptr<Registry> registry);
@@ -41,6 +43,7 @@ public:
     Registry& Reg() { return *m_registry; }
     HandleTable& Handles() { return m_handles; }
     Libraries& Libs() { return m_libraries; }
+    ComponentLoader& Components() { return *m_components; }
 
     // The directory for sockets and lock files, created on demand.
     std::string RunDirectory() const;
@@ -50,6 +53,7 @@ private:
     std::unique_ptr<Registry> m_registry;
     HandleTable m_handles;
     Libraries m_libraries;
+    std::unique_ptr<ComponentLoader> m_components;  // frees its servers through m_libraries
 };
 
 // The installed platform. Calling it before anything is installed is a programming error and

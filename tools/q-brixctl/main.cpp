@@ -1,10 +1,13 @@
 // q-brixctl: the administrator's and the tests' window into the program's state on a data root.
 //   q-brixctl [--root DIR] catalog          list the socket-provider catalog
 //   q-brixctl [--root DIR] catalog reset    restore the seeded base catalog
+//   q-brixctl [--root DIR] av scan FILE [--engine NAME]   scan one file with an antivirus engine
+//   q-brixctl [--root DIR] av test [--engine NAME]        run the antivirus self-test
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "AvCommand.h"
 #include "CatalogCommand.h"
 #include "platform/posix/PosixPlatform.h"
 
@@ -14,7 +17,8 @@ int Usage(const std::string& problem) {
     if (!problem.empty()) {
         std::cerr << "q-brixctl: " << problem << "\n";
     }
-    std::cerr << "usage: q-brixctl [--root DIR] catalog [reset]\n";
+    std::cerr << "usage: q-brixctl [--root DIR] catalog [reset]\n"
+                 "       q-brixctl [--root DIR] av (scan FILE | test) [--engine NAME]\n";
     return 2;
 }
 
@@ -39,6 +43,9 @@ int main(int argc, char** argv) {
     args.erase(args.begin());
     if (command == "catalog") {
         return tools::RunCatalogCommand(args, std::cout, std::cerr);
+    }
+    if (command == "av") {
+        return tools::RunAvCommand(args, std::cout, std::cerr);
     }
     return Usage("unknown command '" + command + "'");
 }

@@ -1,0 +1,57 @@
+// The rule engine: compiles the expressions of a unit and runs units and whole rules over a
+// text. Expressions are POSIX extended, case-insensitive, without newline handling ("." and
+// bracket lists match a line feed; "^" and "$" anchor at the ends of the searched text). They
+// are compiled and run in the C locale whatever locale the rest of the process uses, so rules
+// always work on single bytes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "content/ContentRule.h"
+#include "content/RegRuleMatcher.h"
+#include "content/RulePattern.h"
+
+namespace qbrix::content {
+
+// Results of ApplyRegRule.
+inline constexpr int kUnitNotFound = 0;  // no match, or the Compare failed
+inline constexpr int kUnitSkipped = 1;   // disabled or ignored
+inline constexpr int kUnitFound = 2;
+inline constexpr int kUnitReplaced = 3;
+
+// Results of ApplyContentRule: the largest outcome reached.
+inline constexpr int kRuleNothing = 0;
+inline constexpr int kRuleDisabled = 1;
+inline constexpr int kRuleFound = 2;
+inline constexpr int kRuleProcessed = 3;
+inline constexpr int kRuleReplaceApplied = 4;
+
+// The match slots of a search; the slot of a pattern's last group must lie inside them.
+inline constexpr std::size_t kMatchSlots = 50;
+
+// "\n", "\r", "\t", "\a", "\b" (backslash + letter) to their control characters, one kind after
+// another over the whole text. There is no escape for the backslash itself.
+std::string ExpandPatternEscapes(std::string_view text);
+// For each (from, to) pair in order: replace every occurrence, continuing after the inserted text.
+std::string ReplaceAllPairs(std::string_view text,
+                            const std::vector<std::pair<std::string, std::string>>& pairs);
+// "\n", "\r", "\t" of a Replace text to their control characters.
+std::string ExpandReplaceEscapes(std::string_view text);
+
+// 0 on success, else the regex library's code. Expressions with kMatchSlots or more groups are
+// refused with REG_ESIZE.
+int CompilePattern(RulePattern& pattern, std::string_view text);
+// 0 and the range of the last group (the whole match without groups) when found, else 1. The
+// text is searched up to its first zero byte.
+int SearchPattern(const RulePattern& pattern, std::string_view text, std::int32_t& start,
+                  std::int32_t& end);
+
+int ApplyRegRule(const RegRuleMatcher& unit, std::string& text, std::string& found,
+                 std::int32_t& start, std::int32_t& end);
+int ApplyContentRule(const ContentRule& rule, std::string& text);
+
+}  // namespace qbrix::content

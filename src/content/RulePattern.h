@@ -1,0 +1,39 @@
+// One compiled regular expression of a rule unit. The compiled buffer belongs to the object and
+// is freed with it; a pattern whose compiled flag is 0 never matches. The buffer may hold
+// pointers into itself, so the object is neither copied nor moved.
+#pragma once
+
+#include <regex.h>
+
+#include <cstddef>
+
+#include "platform/WinTypes.h"
+
+namespace qbrix::content {
+
+class RulePattern {
+  public:
+    RulePattern() = default;
+    ~RulePattern() { Free(); }
+    RulePattern(const RulePattern&) = delete;
+    RulePattern& operator=(const RulePattern&) = delete;
+
+    bool IsCompiled() const { return m_compiled != 0; }
+    // Number of parenthesised groups of the compiled expression.
+    std::size_t GroupCount() const { return m_compiled != 0 ? m_regex.re_nsub : 0; }
+    const regex_t* Regex() const { return &m_regex; }
+    regex_t* MutableRegex() { return &m_regex; }
+    void SetCompiled(bool compiled) { m_compiled = compiled ? 1 : 0; }
+    void Free() {
+        if (m_compiled != 0) {
+            regfree(&m_regex);
+            m_compiled = 0;
+        }
+    }
+
+  private:
+    platform::DWORD m_compiled = 0;
+    regex_t m_regex{};
+};
+
+}  // namespace qbrix::content
