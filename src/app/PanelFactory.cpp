@@ -1,5 +1,6 @@
 #include "app/PanelFactory.h"
 
+#include "antivirus/AntivirusSelfTest.h"
 #include "core/StringTable.h"
 #include "ui/SettingsPage.h"
 
@@ -19,7 +20,10 @@ ui::PanelParts BuildPanelParts() {
                                 "The content rules of web and e-mail traffic and their options."),
         new ui::PlaceholderPage("Zones", "The zones and their address rules."),
         new ui::PlaceholderPage("Statistics", "Traffic per program by hour, day, weekday and month."),
-        new ui::SettingsPage(ui::DefaultZoneBinding{}, nullptr),
+        new ui::SettingsPage(ui::DefaultZoneBinding{},
+                             [](const std::string& engineName) {
+                                 antivirus::RunAntivirusSelfTest(engineName.c_str());
+                             }),
         new ui::PlaceholderPage(Str(113), "The firewall's connection decisions."),
         new ui::PlaceholderPage(Str(112), "The content processor's events."),
     };

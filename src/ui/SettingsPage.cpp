@@ -39,7 +39,8 @@ QString FromStd(const std::string& text) { return QString::fromStdString(text); 
 
 }  // namespace
 
-SettingsPage::SettingsPage(DefaultZoneBinding defaultZone, std::function<void()> runSelfTest,
+SettingsPage::SettingsPage(DefaultZoneBinding defaultZone,
+                           std::function<void(const std::string& engineName)> runSelfTest,
                            QWidget* parent)
     : PropertyPage("Settings", parent),
       m_defaultZone(std::move(defaultZone)),
@@ -116,7 +117,7 @@ SettingsPage::SettingsPage(DefaultZoneBinding defaultZone, std::function<void()>
     test->setObjectName("301");
     connect(test, &QPushButton::clicked, this, [this] {
         if (m_runSelfTest) {
-            m_runSelfTest();
+            m_runSelfTest(m_antivirus->currentText().toStdString());
         }
     });
     content->addWidget(test, 4, 2);

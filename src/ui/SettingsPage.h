@@ -4,6 +4,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 
 #include "ui/PropertyPage.h"
 
@@ -26,7 +27,9 @@ struct DefaultZoneBinding {
 class SettingsPage : public PropertyPage {
     Q_OBJECT
 public:
-    SettingsPage(DefaultZoneBinding defaultZone, std::function<void()> runSelfTest,
+    // `runSelfTest` gets the engine chosen on screen, saved or not.
+    SettingsPage(DefaultZoneBinding defaultZone,
+                 std::function<void(const std::string& engineName)> runSelfTest,
                  QWidget* parent = nullptr);
 
     bool HasUnsavedChanges() override { return m_modified != 0; }
@@ -46,7 +49,7 @@ private:
     void SaveLog(const char* suffix, const LogFields& fields, bool pathFirst);
 
     DefaultZoneBinding m_defaultZone;
-    std::function<void()> m_runSelfTest;
+    std::function<void(const std::string& engineName)> m_runSelfTest;
     LogFields m_firewall;
     LogFields m_content;
     QComboBox* m_zoneList = nullptr;

@@ -38,7 +38,8 @@ protected:
         zones.applySelection = [this](QComboBox* list) {
             m_applied.push_back(list->currentText().toStdString());
         };
-        return std::make_unique<SettingsPage>(zones, [this] { ++m_selfTests; });
+        return std::make_unique<SettingsPage>(
+            zones, [this](const std::string& engine) { m_selfTests.push_back(engine); });
     }
     template <typename T>
     T* Find(SettingsPage& page, const char* id) {
@@ -50,7 +51,7 @@ protected:
     test::TempPlatform m_platform;
     test::ScriptedMessages m_messages;
     int m_fills = 0;
-    int m_selfTests = 0;
+    std::vector<std::string> m_selfTests;
     std::vector<std::string> m_applied;
 };
 
@@ -116,8 +117,9 @@ TEST_F(SettingsPageTest, ChoosingADefaultZoneAppliesAtOnceAndMarksModified) {
     emit zones->activated(1);
     EXPECT_EQ(std::vector<std::string>{"Internet"}, m_applied);
     EXPECT_TRUE(page->HasUnsavedChanges());
+    Find<QComboBox>(*page, "266")->setCurrentText("NOD32");  // chosen, not saved
     Find<QPushButton>(*page, "301")->click();
-    EXPECT_EQ(1, m_selfTests);
+    EXPECT_EQ(std::vector<std::string>{"NOD32"}, m_selfTests);
 }
 
 TEST_F(SettingsPageTest, BrowseMarksModifiedAndDiscardReloads) {
