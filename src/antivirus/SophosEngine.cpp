@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "platform/Platform.h"
-#include "platform/WideText.h"
+#include "platform/Utf16.h"
 
 namespace qbrix::antivirus {
 
@@ -33,7 +33,7 @@ constexpr ConfigValue kConfiguration[] = {
 };
 
 HRESULT Sweep(void* engine, const char* path, void** enumerator) {
-    std::u16string widePath = platform::NarrowToWide(path != nullptr ? path : "");
+    std::u16string widePath = platform::Utf8ToUtf16(path != nullptr ? path : "");
     return CallInterface<HRESULT>(engine, sophos::kSweepFile,
                                   static_cast<const char16_t*>(widePath.c_str()),
                                   &kSophosResultEnumerator, enumerator);
@@ -43,7 +43,7 @@ HRESULT Sweep(void* engine, const char* path, void** enumerator) {
 std::string ServerLibraryPath() {
     char16_t classText[40] = {};
     platform::StringFromGUID2(kSophosEngineClass, classText, 40);
-    std::string keyName = "CLSID\\" + platform::WideToNarrow(classText) + "\\InprocServer32";
+    std::string keyName = "CLSID\\" + platform::Utf16ToUtf8(classText) + "\\InprocServer32";
     platform::Registry& registry = platform::Current().Reg();
     platform::HKEY key = nullptr;
     if (registry.OpenKeyEx(platform::HKEY_CLASSES_ROOT, keyName, platform::KEY_QUERY_VALUE, &key) !=
@@ -85,7 +85,7 @@ HRESULT ReloadSophosEngine(void** engine, const platform::GUID& interfaceId,
     if (path.empty()) {
         return 1;
     }
-    platform::HMODULE module = platform::CoLoadLibrary(platform::NarrowToWide(path).c_str(), 1);
+    platform::HMODULE module = platform::CoLoadLibrary(platform::Utf8ToUtf16(path).c_str(), 1);
     if (module == nullptr) {
         return 1;
     }
@@ -144,7 +144,7 @@ std::int32_t CollectSweepResults(void* enumerator, std::string& message, std::in
                                    static_cast<char16_t*>(name), static_cast<ULONG*>(nullptr));
             // An engine may fill all 80 characters without a terminator.
             std::size_t length = std::find(name, name + kSophosThreatNameChars, u'\0') - name;
-            message += platform::WideToNarrow(std::u16string_view(name, length));
+            message += platform::Utf16ToUtf8(std::u16string_view(name, length));
         }
         platform::Release(item);
     }

@@ -20,7 +20,7 @@
 #include "content/LspSettings.h"
 #include "core/RegistryKey.h"
 #include "platform/Platform.h"
-#include "platform/WideText.h"
+#include "platform/Utf16.h"
 #include "support/TempPlatform.h"
 
 namespace qbrix::antivirus::test {
@@ -65,7 +65,7 @@ class AntivirusFixture : public ::testing::Test {
     void RegisterSophos(const std::string& library) {
         core::RegistryKey key;
         std::string name = "CLSID\\" +
-                           platform::WideToNarrow(platform::StringFromGUID(kSophosEngineClass)) +
+                           platform::Utf16ToUtf8(platform::StringFromGUID(kSophosEngineClass)) +
                            "\\InprocServer32";
         ASSERT_EQ(0, key.OpenBelow(platform::HKEY_CLASSES_ROOT, name));
         key.SetString("", library);

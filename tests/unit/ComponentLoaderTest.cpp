@@ -10,7 +10,7 @@
 #include "core/RegistryKey.h"
 #include "platform/ComponentLoader.h"
 #include "platform/Platform.h"
-#include "platform/WideText.h"
+#include "platform/Utf16.h"
 #include "support/TempPlatform.h"
 
 namespace qbrix::platform {
@@ -29,7 +29,7 @@ class ComponentLoaderTest : public ::testing::Test {
   protected:
     void Register(const GUID& id, const std::string& library) {
         core::RegistryKey key;
-        ASSERT_EQ(0, key.OpenBelow(HKEY_CLASSES_ROOT, "CLSID\\" + WideToNarrow(StringFromGUID(id)) +
+        ASSERT_EQ(0, key.OpenBelow(HKEY_CLASSES_ROOT, "CLSID\\" + Utf16ToUtf8(StringFromGUID(id)) +
                                                           "\\InprocServer32"));
         key.SetString("", library);
     }
@@ -44,18 +44,6 @@ TEST(ComponentTextTest, ClassIdsHaveTheBracedUpperCaseForm) {
     EXPECT_EQ(0, StringFromGUID2(kClass, buffer, 38));
     EXPECT_EQ(39, StringFromGUID2(kClass, buffer, 39));
     EXPECT_EQ(std::u16string(u"{91C4C540-9FDD-11D2-AFAA-00105A305A2B}"), buffer);
-}
-
-TEST(ComponentTextTest, NarrowAndWideTextsConvertBothWays) {
-    EXPECT_EQ(u"SAVI f\u00fcr q-Brix \U0001F600",
-              NarrowToWide("SAVI f\xC3\xBCr q-Brix \xF0\x9F\x98\x80"));
-    EXPECT_EQ("SAVI f\xC3\xBCr q-Brix \xF0\x9F\x98\x80",
-              WideToNarrow(u"SAVI f\u00fcr q-Brix \U0001F600"));
-    // Broken input becomes the replacement character instead of being dropped or overrun.
-    EXPECT_EQ(u"a\uFFFDb\uFFFD", NarrowToWide("a\xFF"
-                                              "b\xE2\x82"));
-    EXPECT_EQ(u"\uFFFD", NarrowToWide("\xC0\xAF").substr(0, 1));
-    EXPECT_EQ("x\xEF\xBF\xBD", WideToNarrow(std::u16string(u"x") + char16_t(0xD800)));
 }
 
 TEST_F(ComponentLoaderTest, CreationNeedsAnInitialisedThreadAndAnInProcessRegistration) {
@@ -107,9 +95,9 @@ TEST_F(ComponentLoaderTest, UnusedServersAreFreedOnlyWhenTheyAgree) {
     CoInitialize(nullptr);
     void* object = nullptr;
     ASSERT_EQ(S_OK, CoCreateInstance(kClass, nullptr, 1, IID_IUnknown, &object));
-    HMODULE loaded = CoLoadLibrary(NarrowToWide(ServerLibrary()).c_str(), 1);
+    HMODULE loaded = CoLoadLibrary(Utf8ToUtf16(ServerLibrary()).c_str(), 1);
     ASSERT_NE(nullptr, loaded);
-    HMODULE kept = CoLoadLibrary(NarrowToWide(ServerLibrary()).c_str(), 0);
+    HMODULE kept = CoLoadLibrary(Utf8ToUtf16(ServerLibrary()).c_str(), 0);
     ASSERT_NE(nullptr, kept);
     EXPECT_EQ(3u, Current().Components().LoadedServerCount());
     CoFreeUnusedLibraries();  // an object is still alive

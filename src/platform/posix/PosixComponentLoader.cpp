@@ -5,7 +5,7 @@
 
 #include "platform/ComponentLoader.h"
 #include "platform/Platform.h"
-#include "platform/WideText.h"
+#include "platform/Utf16.h"
 
 namespace qbrix::platform {
 
@@ -22,7 +22,7 @@ std::string NativePath(std::string_view path) {
 
 // The default value of the class's InprocServer32 key, or empty when it cannot be read.
 std::string RegisteredServerPath(const GUID& classId) {
-    std::string keyName = "CLSID\\" + WideToNarrow(StringFromGUID(classId)) + "\\InprocServer32";
+    std::string keyName = "CLSID\\" + Utf16ToUtf8(StringFromGUID(classId)) + "\\InprocServer32";
     Registry& registry = Current().Reg();
     HKEY key = nullptr;
     if (registry.OpenKeyEx(HKEY_CLASSES_ROOT, keyName, KEY_QUERY_VALUE, &key) != 0) {
@@ -48,7 +48,7 @@ std::u16string StringFromGUID(const GUID& id) {
     std::snprintf(text, sizeof(text), "{%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}",
                   static_cast<unsigned>(id.data1), id.data2, id.data3, id.data4[0], id.data4[1],
                   id.data4[2], id.data4[3], id.data4[4], id.data4[5], id.data4[6], id.data4[7]);
-    return NarrowToWide(text);
+    return Utf8ToUtf16(text);
 }
 
 int StringFromGUID2(const GUID& id, char16_t* buffer, int size) {
@@ -149,7 +149,7 @@ HRESULT ComponentLoader::CreateInstance(const GUID& classId, void* outer, DWORD 
 }
 
 HMODULE ComponentLoader::LoadLibrary(std::u16string_view path, bool autoFree) {
-    std::string narrow = NativePath(WideToNarrow(path));
+    std::string narrow = NativePath(Utf16ToUtf8(path));
     HMODULE module = m_libraries.Load(narrow);
     if (module != nullptr) {
         std::lock_guard guard(m_lock);
