@@ -13,7 +13,7 @@ namespace qbrix::events {
 namespace {
 
 class EventToolTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override { ResetContentEventQueue(); }
 
     test::ProcessResult Tool(std::vector<std::string> arguments) {
@@ -81,7 +81,8 @@ TEST_F(EventToolTest, MessagesOfAnotherSizeProduceNoEvent) {
 TEST_F(EventToolTest, ABurstOf100000IsTakenCompletelyAndInOrder) {
     ContentEvent event;
     TakeContentEvent(&event);
-    test::BackgroundProcess tool({QBRIX_EVENT_TOOL, "--root", m_platform.DataRoot(), "--burst", "100000"});
+    test::BackgroundProcess tool(
+        {QBRIX_EVENT_TOOL, "--root", m_platform.DataRoot(), "--burst", "100000"});
     std::vector<ContentEvent> taken = TakeAll(100000, 10000);
     ASSERT_EQ(100000u, taken.size());
     for (std::size_t i = 0; i < taken.size(); ++i) {
