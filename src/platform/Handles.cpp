@@ -25,6 +25,7 @@ bool HandleTable::Remove(HANDLE handle) {
     }
     doomed = std::move(it->second);
     m_objects.erase(it);
+    doomed->Closing();
     return true;
 }
 

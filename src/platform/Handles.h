@@ -17,6 +17,9 @@ inline HANDLE const INVALID_HANDLE_VALUE = reinterpret_cast<HANDLE>(~std::uintpt
 class KernelObject {
 public:
     virtual ~KernelObject() = default;
+    // Called when a handle to the object is closed, while other threads may still hold a
+    // reference (a reader blocked in a wait); objects that block use it to wake them.
+    virtual void Closing() {}
 };
 
 class HandleTable {

@@ -1,0 +1,125 @@
+#include "events/ContentEventQueue.h"
+
+#include <cstring>
+
+#include "core/DiagLog.h"
+#include "platform/Kernel.h"
+#include "platform/Mailslot.h"
+#include "platform/Platform.h"
+#include "platform/Threads.h"
+
+namespace qbrix::events {
+
+namespace {
+
+constexpr std::size_t kErrorTextSize = 500;
+
+int HandleNumber(platform::HANDLE handle) {
+    return static_cast<int>(reinterpret_cast<std::intptr_t>(handle));
+}
+
+}  // namespace
+
+ContentEventQueue g_contentEvents;
+
+ContentEventQueue::~ContentEventQueue() {
+    Shutdown();
+}
+
+void ContentEventQueue::StartIfNeeded() {
+    // A failed creation stores the invalid handle and is never retried.
+    if (m_mailslot.load() == nullptr) {
+        m_mailslot.store(platform::CreateMailslot(kContentMailslotName, kContentMailslotMaxMessage,
+                                                  kContentMailslotReadTimeoutMs));
+    }
+    auto reader = reinterpret_cast<std::uintptr_t>(m_reader.load());
+    if (reader == 0 || reader == 1) {
+        m_reader.store(platform::BeginThread(&ContentEventQueue::ReaderMain, this));
+    }
+}
+
+void ContentEventQueue::ReaderMain(void* queue) {
+    auto* self = static_cast<ContentEventQueue*>(queue);
+    // A read that fails at once (no mailslot) repeats at once: the reader has nothing better to
+    // do until it is stopped.
+    while (self->m_stop.load() == 0) {
+        ContentEvent message;
+        platform::DWORD read = 0;
+        if (platform::ReadMailslot(self->m_mailslot.load(), &message, sizeof(message), &read) &&
+            read == sizeof(message)) {
+            core::DiagLog("\n read slot OK ");
+            std::lock_guard guard(self->m_lock);
+            self->m_queue.push_back(message);
+        }
+        // Anything else read is not a whole event and goes without a trace.
+    }
+}
+
+int ContentEventQueue::Take(void* destination) {
+    StartIfNeeded();
+    std::lock_guard guard(m_lock);
+    if (m_queue.empty()) {
+        return 0;
+    }
+    std::memcpy(destination, &m_queue.front(), sizeof(ContentEvent));
+    core::DiagLog("\n read from queue");
+    m_queue.pop_front();
+    return 1;
+}
+
+std::size_t ContentEventQueue::QueuedCount() {
+    std::lock_guard guard(m_lock);
+    return m_queue.size();
+}
+
+void ContentEventQueue::Shutdown() {
+    m_stop.store(1);
+    platform::HANDLE mailslot = m_mailslot.load();
+    platform::HANDLE reader = m_reader.load();
+    // At process exit the platform may be gone already; its handle table took the mailslot
+    // with it, and a reader left running only fails its reads until the stop flag ends it.
+    bool readerRunning = reinterpret_cast<std::uintptr_t>(reader) >= 2;
+    if (platform::IsInstalled()) {
+        char errorText[kErrorTextSize];
+        core::DiagLog("\n ~READQUE  Slot %d thread %d", HandleNumber(mailslot),
+                      HandleNumber(reader));
+        if (mailslot != nullptr) {
+            core::DiagLog("\n close try");
+            // Closing wakes the reader out of its wait, so it sees the stop flag at once rather
+            // than after the read time-out.
+            platform::BOOL result = platform::CloseHandle(mailslot);
+            core::GetLastErrorText(errorText, sizeof(errorText));
+            core::DiagLog("\n close res %d %s", result, errorText);
+            m_mailslot.store(nullptr);
+        }
+        if (reinterpret_cast<std::uintptr_t>(reader) >= 2) {
+            // The reader is stopped, not killed: it ends between two reads, and the lock and the
+            // queue it uses stay until it has.
+            platform::BOOL result = platform::TerminateThread(reader, 0);
+            readerRunning = result == 0;
+            core::GetLastErrorText(errorText, sizeof(errorText));
+            core::DiagLog("\n term res %d %s", result, errorText);
+            platform::CloseHandle(reader);
+        }
+    }
+    m_mailslot.store(nullptr);
+    m_reader.store(nullptr);
+    {
+        std::lock_guard guard(m_lock);
+        m_queue.clear();
+    }
+    // A reader that could not be stopped keeps the flag set, so it still ends when it can.
+    if (!readerRunning) {
+        m_stop.store(0);
+    }
+}
+
+int TakeContentEvent(void* destination) {
+    return g_contentEvents.Take(destination);
+}
+
+void ResetContentEventQueue() {
+    g_contentEvents.Shutdown();
+}
+
+}  // namespace qbrix::events

@@ -1,0 +1,119 @@
+#include "events/LogTexts.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "core/StringTable.h"
+#include "platform/LocalTime.h"
+#include "platform/Platform.h"
+
+namespace qbrix::events {
+
+namespace {
+
+constexpr std::size_t kAddressTextSize = 100;
+
+template <std::size_t N>
+std::string BoundedText(const char (&field)[N]) {
+    return std::string(field, strnlen(field, N));
+}
+
+}  // namespace
+
+std::string AddressText(std::uint32_t address, std::uint32_t protocol, std::uint16_t remotePort) {
+    if (address == 0) {
+        return {};
+    }
+    char text[kAddressTextSize];
+    std::snprintf(text, sizeof(text), "%s %d.%d.%d.%d:%d", protocol == 1 ? "TCP" : "UDP",
+                  static_cast<int>(address >> 24), static_cast<int>((address >> 16) & 0xFF),
+                  static_cast<int>((address >> 8) & 0xFF), static_cast<int>(address & 0xFF),
+                  static_cast<int>(remotePort));
+    return text;
+}
+
+std::string DirectionText(std::uint32_t direction) {
+    if (direction == 0) {
+        return {};
+    }
+    return core::LoadString(direction == 2 ? kOutgoingString : kIncomingString);
+}
+
+std::string ResultText(std::uint32_t result) {
+    return core::LoadString(result == 0 ? kApprovedString : kRejectedString);
+}
+
+void TimeStampTexts(std::uint64_t timeStamp, std::string* date, std::string* time) {
+    platform::SystemTime fields;
+    bool valid;
+    if (platform::IsNtPlatform()) {
+        valid = platform::FileTimeToLocalSystemTime(timeStamp, &fields) != 0;
+    } else {
+        auto high = static_cast<std::uint32_t>(timeStamp >> 32);
+        auto low = static_cast<std::uint32_t>(timeStamp);
+        valid = platform::DosDateTimeToSystemTime(static_cast<std::uint16_t>(high >> 16),
+                                                  static_cast<std::uint16_t>(high & 0xFFFF),
+                                                  &fields) != 0;
+        auto milliseconds = static_cast<std::uint16_t>(low & 0xFFFF);
+        fields.second = static_cast<std::uint16_t>(fields.second + milliseconds / 1000);
+        fields.milliseconds = static_cast<std::uint16_t>(milliseconds % 1000);
+    }
+    // Fields the formatting refuses (a seconds value pushed past 59) give empty texts.
+    *date = valid ? platform::GetDateText(fields) : std::string();
+    *time = valid ? platform::GetTimeText(fields) : std::string();
+}
+
+std::string InternetLogLine(const ActivityFields& fields) {
+    std::string date;
+    std::string time;
+    TimeStampTexts(fields.timeStamp, &date, &time);
+    std::string line;
+    line.append(date).append("\t").append(time).append("\t");
+    line.append(fields.application).append("\t").append(fields.ruleName).append("\t");
+    line.append(AddressText(fields.address, fields.protocol, fields.remotePort)).append("\t");
+    line.append(ResultText(fields.result)).append("\t");
+    line.append(DirectionText(fields.direction)).append("\r\n");
+    return line;
+}
+
+std::string ContentKindLabel(std::int32_t type) {
+    switch (type) {
+        case kMailFound:
+        case kMailQuiet:
+            return core::LoadString(kMailKindString);
+        case kWebFound:
+        case kWebQuiet:
+            return core::LoadString(kWebKindString);
+        case kRuleFound:
+            return core::LoadString(kRuleFoundKindString);
+        case kRuleApplied:
+            return core::LoadString(kRuleAppliedKindString);
+        default:
+            return {};
+    }
+}
+
+bool ContentKindPopsUp(std::int32_t type) {
+    return type == kMailFound || type == kWebFound;
+}
+
+std::string EventAddress(const ContentEvent& event) {
+    return BoundedText(event.address);
+}
+
+std::string EventName(const ContentEvent& event) {
+    return BoundedText(event.name);
+}
+
+std::string EventQuarantine(const ContentEvent& event) {
+    return BoundedText(event.quarantine);
+}
+
+std::string ContentLogLine(const ContentEvent& event) {
+    std::string line = ContentKindLabel(event.type);
+    line.append("\t").append(EventName(event)).append("\t").append(EventAddress(event));
+    line.append("\t").append(EventQuarantine(event)).append("\r\n");
+    return line;
+}
+
+}  // namespace qbrix::events
