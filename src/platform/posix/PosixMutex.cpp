@@ -17,7 +17,7 @@ namespace qbrix::platform {
 namespace {
 
 class LockFileMutex : public KernelObject {
-  public:
+public:
     LockFileMutex(int fd, bool owned, bool exclusive)
         : m_fd(fd), m_owned(owned), m_exclusive(exclusive) {}
     ~LockFileMutex() override { ::close(m_fd); }
@@ -31,7 +31,7 @@ class LockFileMutex : public KernelObject {
     }
     bool Exclusive() const { return m_exclusive; }
 
-  private:
+private:
     int m_fd;
     bool m_owned;
     bool m_exclusive;

@@ -51,8 +51,7 @@ LONG FromSqlite(int rc) {
 std::string_view ColumnBytes(sqlite3_stmt* stmt, int column) {
     const void* bytes = sqlite3_column_blob(stmt, column);
     int size = sqlite3_column_bytes(stmt, column);
-    return bytes == nullptr ? std::string_view()
-                            : std::string_view(static_cast<const char*>(bytes), size);
+    return bytes == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(bytes), size);
 }
 
 // Splits a backslash-separated key path. A single trailing backslash is allowed; a leading one
@@ -88,7 +87,7 @@ LONG SplitPath(std::string_view path, std::vector<std::string_view>* parts) {
 
 // A cached prepared statement, reset when the wrapper goes out of scope.
 class SqliteRegistry::Statement {
-  public:
+public:
     Statement(SqliteRegistry& registry, const char* sql) : m_stmt(registry.Prepare(sql)) {}
     ~Statement() {
         if (m_stmt != nullptr) {
@@ -117,13 +116,13 @@ class SqliteRegistry::Statement {
     std::int64_t Int(int column) { return sqlite3_column_int64(m_stmt, column); }
     std::string_view Bytes(int column) { return ColumnBytes(m_stmt, column); }
 
-  private:
+private:
     sqlite3_stmt* m_stmt;
 };
 
 // BEGIN IMMEDIATE ... COMMIT; rolled back unless committed.
 class SqliteRegistry::Transaction {
-  public:
+public:
     explicit Transaction(sqlite3* db) : m_db(db) {
         m_rc = sqlite3_exec(m_db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
     }
@@ -139,7 +138,7 @@ class SqliteRegistry::Transaction {
         return FromSqlite(rc);
     }
 
-  private:
+private:
     sqlite3* m_db;
     int m_rc;
     bool m_committed = false;
@@ -148,9 +147,7 @@ class SqliteRegistry::Transaction {
 SqliteRegistry::SqliteRegistry(std::string databasePath, std::uint32_t uid)
     : m_path(std::move(databasePath)), m_uid(uid) {}
 
-SqliteRegistry::~SqliteRegistry() {
-    CloseDatabase();
-}
+SqliteRegistry::~SqliteRegistry() { CloseDatabase(); }
 
 void SqliteRegistry::SetBusyTimeoutMs(int timeoutMs) {
     std::lock_guard guard(m_lock);
@@ -211,8 +208,8 @@ LONG SqliteRegistry::InitializeSchema() {
     if (m_readOnly) {
         return ERROR_SUCCESS;
     }
-    rc = sqlite3_exec(m_db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", nullptr, nullptr,
-                      nullptr);
+    rc = sqlite3_exec(m_db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", nullptr,
+                      nullptr, nullptr);
     if (rc != SQLITE_OK) {
         return FromSqlite(rc);
     }
@@ -276,7 +273,8 @@ LONG SqliteRegistry::FindChild(std::int64_t parent, std::string_view name, std::
 LONG SqliteRegistry::CurrentUserKey(bool create, std::int64_t* id) {
     std::string name = std::to_string(m_uid);
     if (create && !m_readOnly) {
-        Statement insert(*this, "INSERT OR IGNORE INTO keys(parent, name, fold) VALUES(?, ?, ?)");
+        Statement insert(*this,
+                         "INSERT OR IGNORE INTO keys(parent, name, fold) VALUES(?, ?, ?)");
         int rc = insert.Bind(1, kUsersId).BindText(2, name).BindText(3, name).Step();
         if (rc != SQLITE_DONE) {
             return FromSqlite(rc);
@@ -644,8 +642,9 @@ LONG SqliteRegistry::EnumValue(HKEY key, DWORD index, char* name, DWORD* nameSiz
     return ERROR_SUCCESS;
 }
 
-LONG SqliteRegistry::QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLength, DWORD* values,
-                                  DWORD* maxValueNameLength, DWORD* maxValueLength) {
+LONG SqliteRegistry::QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLength,
+                                  DWORD* values, DWORD* maxValueNameLength,
+                                  DWORD* maxValueLength) {
     std::lock_guard guard(m_lock);
     if (LONG rc = EnsureOpen(); rc != ERROR_SUCCESS) {
         return rc;
@@ -654,8 +653,7 @@ LONG SqliteRegistry::QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLeng
     if (LONG rc = Resolve(key, KEY_QUERY_VALUE, &id); rc != ERROR_SUCCESS) {
         return rc;
     }
-    Statement keys(*this,
-                   "SELECT count(*), ifnull(max(length(name)), 0) FROM keys WHERE parent = ?");
+    Statement keys(*this, "SELECT count(*), ifnull(max(length(name)), 0) FROM keys WHERE parent = ?");
     int rc = keys.Bind(1, id).Step();
     if (rc != SQLITE_ROW) {
         return FromSqlite(rc);
@@ -667,16 +665,11 @@ LONG SqliteRegistry::QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLeng
     if (rc != SQLITE_ROW) {
         return FromSqlite(rc);
     }
-    if (subKeys != nullptr)
-        *subKeys = static_cast<DWORD>(keys.Int(0));
-    if (maxSubKeyLength != nullptr)
-        *maxSubKeyLength = static_cast<DWORD>(keys.Int(1));
-    if (values != nullptr)
-        *values = static_cast<DWORD>(vals.Int(0));
-    if (maxValueNameLength != nullptr)
-        *maxValueNameLength = static_cast<DWORD>(vals.Int(1));
-    if (maxValueLength != nullptr)
-        *maxValueLength = static_cast<DWORD>(vals.Int(2));
+    if (subKeys != nullptr) *subKeys = static_cast<DWORD>(keys.Int(0));
+    if (maxSubKeyLength != nullptr) *maxSubKeyLength = static_cast<DWORD>(keys.Int(1));
+    if (values != nullptr) *values = static_cast<DWORD>(vals.Int(0));
+    if (maxValueNameLength != nullptr) *maxValueNameLength = static_cast<DWORD>(vals.Int(1));
+    if (maxValueLength != nullptr) *maxValueLength = static_cast<DWORD>(vals.Int(2));
     return ERROR_SUCCESS;
 }
 
