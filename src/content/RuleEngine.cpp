@@ -129,6 +129,63 @@ UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view piece, std::size_t 
     return run;
 }
 
+// One rewrite of the main loop: source range [start, end) becomes the replacement.
+struct TextEdit {
+    std::size_t start;
+    std::size_t end;
+    const std::string* shared;  // the unit's replacement, or null for `owned`
+    std::string owned;          // a region as the sub-rules left it
+    std::string_view Text() const { return shared != nullptr ? *shared : owned; }
+};
+
+// Applies ordered, non-overlapping edits. While the text never grows ahead of what is still to
+// be read, it is rewritten in place; otherwise it is built once in a new buffer.
+void ApplyEdits(std::string& text, const std::vector<TextEdit>& edits) {
+    if (edits.empty()) {
+        return;
+    }
+    if (edits.size() == 1) {
+        text.replace(edits[0].start, edits[0].end - edits[0].start, edits[0].Text());
+        return;
+    }
+    bool inPlace = true;
+    std::ptrdiff_t delta = 0;
+    for (const TextEdit& edit : edits) {
+        delta += static_cast<std::ptrdiff_t>(edit.Text().size()) -
+                 static_cast<std::ptrdiff_t>(edit.end - edit.start);
+        if (delta > 0) {
+            inPlace = false;
+        }
+    }
+    std::size_t finalSize =
+        static_cast<std::size_t>(static_cast<std::ptrdiff_t>(text.size()) + delta);
+    if (inPlace) {
+        char* data = text.data();
+        std::size_t write = 0;
+        std::size_t read = 0;
+        for (const TextEdit& edit : edits) {
+            std::memmove(data + write, data + read, edit.start - read);
+            write += edit.start - read;
+            std::string_view replacement = edit.Text();
+            std::memcpy(data + write, replacement.data(), replacement.size());
+            write += replacement.size();
+            read = edit.end;
+        }
+        std::memmove(data + write, data + read, text.size() - read);
+        text.resize(finalSize);
+        return;
+    }
+    std::string output;
+    output.reserve(finalSize);
+    std::size_t read = 0;
+    for (const TextEdit& edit : edits) {
+        output.append(text, read, edit.start - read).append(edit.Text());
+        read = edit.end;
+    }
+    output.append(text, read, std::string::npos);
+    text.swap(output);
+}
+
 }  // namespace
 
 std::string ReplaceAllPairs(std::string_view text,
@@ -214,11 +271,11 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
         return kRuleDisabled;
     }
 
-    // The text before `rest` is final and lies in `output`; from `rest` on it is still the
-    // caller's text, untouched. Every pass searches that remainder in place and appends what it
-    // settled, so the cost stays linear in the length of the text.
+    // Every pass searches the rest of the caller's text in place (from `rest` on it is still
+    // untouched) and only records what it rewrites; the edits are applied once at the end, so
+    // the cost stays linear in the length of the text however many passes there are.
     const std::string& source = text;
-    std::string output;
+    std::vector<TextEdit> edits;
     std::size_t rest = 0;
     std::size_t zero = source.find('\0');
     int best = kRuleNothing;
@@ -239,17 +296,19 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
             break;
         }
         best = std::max(best, run.result);
-        std::string_view before = piece.substr(0, run.start);
-        std::string_view middle = run.result == kUnitReplaced
-                                      ? std::string_view(rule.main.replacement)
-                                      : piece.substr(run.start, run.end - run.start);
+        std::size_t editStart = rest + run.start;
+        std::size_t editEnd = rest + run.end;
+        bool replaced = run.result == kUnitReplaced;
         if (rule.subRules.empty()) {
-            output.append(before).append(middle);
-            rest += run.end;
+            if (replaced) {
+                edits.push_back({editStart, editEnd, &rule.main.replacement, {}});
+            }
             ++count;
         } else {
             log.append("\r\nSubRules :");
-            std::string region(middle);
+            std::string region = replaced
+                                     ? rule.main.replacement
+                                     : std::string(piece.substr(run.start, run.end - run.start));
             std::string collected;
             bool any = false;
             bool abandoned = false;
@@ -271,24 +330,22 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
                 }
                 any = true;
             }
-            output.append(before);
             if (abandoned) {
-                output.append(middle);
+                if (replaced) {
+                    edits.push_back({editStart, editEnd, &rule.main.replacement, {}});
+                }
             } else {
-                output.append(region);
+                edits.push_back({editStart, editEnd, nullptr, std::move(region)});
                 ++count;
                 best = kRuleProcessed;
             }
-            rest += run.end;
         }
+        rest = editEnd;
         if (rule.recurse != 1 || rest >= source.size()) {
             break;
         }
     }
-    if (rest > 0 || !output.empty()) {
-        output.append(source, rest, std::string::npos);
-        text.swap(output);
-    }
+    ApplyEdits(text, edits);
 
     if (rule.replace.enable != 0 && count > 0) {
         log.append("\r\nReplace Rule :");

@@ -435,7 +435,7 @@ TEST_F(RuleEngineTest, MatchesCopyPerPassEngineOnGeneratedInputs) {
             stored.enable = 0;
         return stored;
     };
-    for (int round = 0; round < 3000; ++round) {
+    for (int round = 0; round < 10000; ++round) {
         RegRule mainRule = unit();
         DWORD recurse = random() % 2;
         if (recurse == 1 &&
