@@ -31,36 +31,50 @@ class ScopedByteLocale {
     locale_t m_previous;
 };
 
-// Length of the text a search sees: up to its first zero byte, and within the 32-bit offsets
-// the engine reports.
-std::size_t SearchLength(std::string_view text) {
-    const void* zero = text.empty() ? nullptr : std::memchr(text.data(), 0, text.size());
-    std::size_t length =
-        zero == nullptr ? text.size() : static_cast<const char*>(zero) - text.data();
+// Finds the first zero byte of a text once and remembers it, so that passes over the rest of a
+// long text do not scan it again.
+class ZeroScan {
+  public:
+    explicit ZeroScan(std::string_view text) : m_text(text) {}
+    // Offset of the first zero byte at or after `from`, or the text's size when there is none.
+    std::size_t FirstFrom(std::size_t from) {
+        if (!m_known || m_zero < from) {
+            const void* zero = from >= m_text.size()
+                                   ? nullptr
+                                   : std::memchr(m_text.data() + from, 0, m_text.size() - from);
+            m_zero = zero == nullptr
+                         ? m_text.size()
+                         : static_cast<std::size_t>(static_cast<const char*>(zero) - m_text.data());
+            m_known = true;
+        }
+        return m_zero;
+    }
+
+  private:
+    std::string_view m_text;
+    std::size_t m_zero = 0;
+    bool m_known = false;
+};
+
+std::size_t Capped(std::size_t length) {
     return std::min<std::size_t>(length, INT_MAX);
 }
 
 // Searches data[0, length) as a whole text ("^" at data, "$" at data + length) without needing
 // a terminator there, so the main loop can search the rest of a text in place.
-int SearchBytes(const RulePattern& pattern, const char* data, std::size_t length,
-                std::int32_t& start, std::int32_t& end) {
-    if (!pattern.IsCompiled()) {
-        return 1;
-    }
+int RunSearch(const RulePattern& pattern, const char* data, std::size_t length,
+              regmatch_t (&slots)[kMatchSlots]) {
     static const char kEmpty[] = "";
-    regmatch_t slots[kMatchSlots];
     std::memset(slots, 0, sizeof(slots));
     slots[0].rm_so = 0;
     slots[0].rm_eo = static_cast<regoff_t>(length);
-    int rc;
-    {
-        ScopedByteLocale byteLocale;
-        rc =
-            regexec(pattern.Regex(), length == 0 ? kEmpty : data, kMatchSlots, slots, REG_STARTEND);
-    }
-    if (rc != 0) {
-        return 1;
-    }
+    ScopedByteLocale byteLocale;
+    return regexec(pattern.Regex(), length == 0 ? kEmpty : data, kMatchSlots, slots, REG_STARTEND);
+}
+
+// The range of the pattern's last group (the whole match without groups).
+int TakeLastGroup(const RulePattern& pattern, const regmatch_t (&slots)[kMatchSlots],
+                  std::int32_t& start, std::int32_t& end) {
     const regmatch_t& slot = slots[pattern.GroupCount()];
     if (slot.rm_so == -1 || slot.rm_eo == -1) {
         return 1;
@@ -70,6 +84,58 @@ int SearchBytes(const RulePattern& pattern, const char* data, std::size_t length
     return 0;
 }
 
+int SearchBytes(const RulePattern& pattern, const char* data, std::size_t length,
+                std::int32_t& start, std::int32_t& end) {
+    if (!pattern.IsCompiled()) {
+        return 1;
+    }
+    regmatch_t slots[kMatchSlots];
+    if (RunSearch(pattern, data, length, slots) != 0) {
+        return 1;
+    }
+    return TakeLastGroup(pattern, slots, start, end);
+}
+
+// Searches text[offset, ...) up to its first zero byte, as if that stretch were the whole text.
+// An expression that cannot look past its match is first run over everything: when no zero
+// byte lies before the match it found, the limited search gives the same match, and the zero
+// byte is only looked for up to there. Otherwise the limit is found first.
+int SearchUpToZero(const RulePattern& pattern, std::string_view text, std::size_t offset,
+                   ZeroScan& zeros, std::int32_t& start, std::int32_t& end) {
+    if (!pattern.IsCompiled()) {
+        return 1;
+    }
+    const char* data = text.data() + offset;
+    std::size_t length = Capped(text.size() - offset);
+    if (!pattern.LooksPastMatchEnd()) {
+        regmatch_t slots[kMatchSlots];
+        if (RunSearch(pattern, data, length, slots) != 0) {
+            return 1;
+        }
+        auto wholeEnd = static_cast<std::size_t>(slots[0].rm_eo);
+        if (std::memchr(data, 0, wholeEnd) == nullptr) {
+            return TakeLastGroup(pattern, slots, start, end);
+        }
+    }
+    length = Capped(zeros.FirstFrom(offset) - offset);
+    return SearchBytes(pattern, data, length, start, end);
+}
+
+// Whether the expression may test what follows its match: an end anchor or a word-boundary
+// operator anywhere (in a bracket list too; a false alarm only costs speed).
+bool LooksPastMatchEnd(std::string_view expression) {
+    for (std::size_t i = 0; i < expression.size(); ++i) {
+        if (expression[i] == '$') {
+            return true;
+        }
+        if (expression[i] == '\\' && i + 1 < expression.size() &&
+            std::string_view("<>bB'").find(expression[i + 1]) != std::string_view::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 struct UnitRun {
     int result = kUnitNotFound;
     std::int32_t start = 0;
@@ -77,10 +143,12 @@ struct UnitRun {
     bool positioned = false;  // start and end were set
 };
 
-// One unit over `piece` (searched up to searchLength), trace appended to the test log. The
-// piece itself is not changed: the caller applies the replacement, so the main loop can build
-// its output once instead of copying the rest of the text on every pass.
-UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view piece, std::size_t searchLength) {
+// One unit over text[offset, ...) (searched up to its first zero byte), trace appended to the test
+// log. The piece itself is not changed: the caller applies the replacement, so the main loop can
+// build its output once instead of copying the rest of the text on every pass.
+UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view text, std::size_t offset,
+                ZeroScan& zeros) {
+    std::string_view piece = text.substr(offset);
     std::string& log = TestLog();
     UnitRun run;
     if (unit.enable == 0) {
@@ -88,7 +156,7 @@ UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view piece, std::size_t 
         run.result = kUnitSkipped;
         return run;
     }
-    if (SearchBytes(unit.findPattern, piece.data(), searchLength, run.start, run.end) != 0) {
+    if (SearchUpToZero(unit.findPattern, text, offset, zeros, run.start, run.end) != 0) {
         if (unit.replaceSwitch != 0 && unit.rawReplacement.empty()) {
             log.append("\r\n  ignored: ").append(unit.comment);
             run.start = 0;
@@ -113,8 +181,9 @@ UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view piece, std::size_t 
     if (unit.compareSwitch != 0) {
         std::int32_t compareStart = 0;
         std::int32_t compareEnd = 0;
-        if (SearchBytes(unit.comparePattern, found.data(), SearchLength(found), compareStart,
-                        compareEnd) == 0) {
+        ZeroScan foundZeros(found);
+        if (SearchUpToZero(unit.comparePattern, found, 0, foundZeros, compareStart, compareEnd) ==
+            0) {
             log.append("-compared ");
         } else {
             outcome = kUnitNotFound;
@@ -129,62 +198,58 @@ UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view piece, std::size_t 
     return run;
 }
 
-// One rewrite of the main loop: source range [start, end) becomes the replacement.
-struct TextEdit {
-    std::size_t start;
-    std::size_t end;
-    const std::string* shared;  // the unit's replacement, or null for `owned`
-    std::string owned;          // a region as the sub-rules left it
-    std::string_view Text() const { return shared != nullptr ? *shared : owned; }
-};
+// Applies the main loop's rewrites as they come, in order and without overlap. While no
+// replacement outgrows what has been read so far, the text is compacted in place (the part not
+// yet searched is never touched); after that the rest is built once in a new buffer.
+class TextRewriter {
+  public:
+    explicit TextRewriter(std::string& text) : m_text(text) {}
 
-// Applies ordered, non-overlapping edits. While the text never grows ahead of what is still to
-// be read, it is rewritten in place; otherwise it is built once in a new buffer.
-void ApplyEdits(std::string& text, const std::vector<TextEdit>& edits) {
-    if (edits.empty()) {
-        return;
+    // Source range [start, end) becomes `replacement`.
+    void Replace(std::size_t start, std::size_t end, std::string_view replacement) {
+        std::size_t gap = start - m_read;
+        if (!m_building && m_write + gap + replacement.size() > end) {
+            m_building = true;
+            m_output.reserve(m_text.size() + replacement.size());
+            m_output.append(m_text, 0, m_write);
+        }
+        if (m_building) {
+            m_output.append(m_text, m_read, gap).append(replacement);
+        } else {
+            char* data = m_text.data();
+            if (m_write != m_read) {
+                std::memmove(data + m_write, data + m_read, gap);
+            }
+            m_write += gap;
+            std::memcpy(data + m_write, replacement.data(), replacement.size());
+            m_write += replacement.size();
+        }
+        m_read = end;
+        m_changed = true;
     }
-    if (edits.size() == 1) {
-        text.replace(edits[0].start, edits[0].end - edits[0].start, edits[0].Text());
-        return;
-    }
-    bool inPlace = true;
-    std::ptrdiff_t delta = 0;
-    for (const TextEdit& edit : edits) {
-        delta += static_cast<std::ptrdiff_t>(edit.Text().size()) -
-                 static_cast<std::ptrdiff_t>(edit.end - edit.start);
-        if (delta > 0) {
-            inPlace = false;
+
+    void Finish() {
+        if (!m_changed) {
+            return;
+        }
+        if (m_building) {
+            m_output.append(m_text, m_read, std::string::npos);
+            m_text.swap(m_output);
+        } else if (m_write != m_read) {
+            std::size_t tail = m_text.size() - m_read;
+            std::memmove(m_text.data() + m_write, m_text.data() + m_read, tail);
+            m_text.resize(m_write + tail);
         }
     }
-    std::size_t finalSize =
-        static_cast<std::size_t>(static_cast<std::ptrdiff_t>(text.size()) + delta);
-    if (inPlace) {
-        char* data = text.data();
-        std::size_t write = 0;
-        std::size_t read = 0;
-        for (const TextEdit& edit : edits) {
-            std::memmove(data + write, data + read, edit.start - read);
-            write += edit.start - read;
-            std::string_view replacement = edit.Text();
-            std::memcpy(data + write, replacement.data(), replacement.size());
-            write += replacement.size();
-            read = edit.end;
-        }
-        std::memmove(data + write, data + read, text.size() - read);
-        text.resize(finalSize);
-        return;
-    }
-    std::string output;
-    output.reserve(finalSize);
-    std::size_t read = 0;
-    for (const TextEdit& edit : edits) {
-        output.append(text, read, edit.start - read).append(edit.Text());
-        read = edit.end;
-    }
-    output.append(text, read, std::string::npos);
-    text.swap(output);
-}
+
+  private:
+    std::string& m_text;
+    std::string m_output;
+    std::size_t m_write = 0;  // end of the settled text in place
+    std::size_t m_read = 0;   // end of the source consumed so far
+    bool m_building = false;
+    bool m_changed = false;
+};
 
 }  // namespace
 
@@ -230,6 +295,7 @@ int CompilePattern(RulePattern& pattern, std::string_view text) {
         return rc;
     }
     pattern.SetCompiled(true);
+    pattern.SetLooksPastMatchEnd(LooksPastMatchEnd(expanded));
     if (pattern.GroupCount() >= kMatchSlots) {
         // The last group's slot would lie outside the match slots.
         pattern.Free();
@@ -240,12 +306,14 @@ int CompilePattern(RulePattern& pattern, std::string_view text) {
 
 int SearchPattern(const RulePattern& pattern, std::string_view text, std::int32_t& start,
                   std::int32_t& end) {
-    return SearchBytes(pattern, text.data(), SearchLength(text), start, end);
+    ZeroScan zeros(text);
+    return SearchUpToZero(pattern, text, 0, zeros, start, end);
 }
 
 int ApplyRegRule(const RegRuleMatcher& unit, std::string& text, std::string& found,
                  std::int32_t& start, std::int32_t& end) {
-    UnitRun run = RunUnit(unit, text, SearchLength(text));
+    ZeroScan zeros(text);
+    UnitRun run = RunUnit(unit, text, 0, zeros);
     if (!run.positioned) {
         return run.result;
     }
@@ -272,12 +340,12 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
     }
 
     // Every pass searches the rest of the caller's text in place (from `rest` on it is still
-    // untouched) and only records what it rewrites; the edits are applied once at the end, so
-    // the cost stays linear in the length of the text however many passes there are.
+    // untouched) and hands what it rewrites to the rewriter, so the cost stays linear in the
+    // length of the text however many passes there are.
     const std::string& source = text;
-    std::vector<TextEdit> edits;
+    TextRewriter rewriter(text);
     std::size_t rest = 0;
-    std::size_t zero = source.find('\0');
+    ZeroScan zeros(source);
     int best = kRuleNothing;
     unsigned count = 0;
     while (true) {
@@ -286,12 +354,7 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
         }
         log.append("Main Rule:");
         std::string_view piece(source.data() + rest, source.size() - rest);
-        if (zero != std::string::npos && zero < rest) {
-            zero = source.find('\0', rest);
-        }
-        std::size_t searchLength = std::min<std::size_t>(
-            (zero == std::string::npos ? source.size() : zero) - rest, INT_MAX);
-        UnitRun run = RunUnit(rule.main, piece, searchLength);
+        UnitRun run = RunUnit(rule.main, source, rest, zeros);
         if (run.result == kUnitNotFound || run.result == kUnitSkipped) {
             break;
         }
@@ -301,7 +364,7 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
         bool replaced = run.result == kUnitReplaced;
         if (rule.subRules.empty()) {
             if (replaced) {
-                edits.push_back({editStart, editEnd, &rule.main.replacement, {}});
+                rewriter.Replace(editStart, editEnd, rule.main.replacement);
             }
             ++count;
         } else {
@@ -332,10 +395,10 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
             }
             if (abandoned) {
                 if (replaced) {
-                    edits.push_back({editStart, editEnd, &rule.main.replacement, {}});
+                    rewriter.Replace(editStart, editEnd, rule.main.replacement);
                 }
             } else {
-                edits.push_back({editStart, editEnd, nullptr, std::move(region)});
+                rewriter.Replace(editStart, editEnd, region);
                 ++count;
                 best = kRuleProcessed;
             }
@@ -345,7 +408,7 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
             break;
         }
     }
-    ApplyEdits(text, edits);
+    rewriter.Finish();
 
     if (rule.replace.enable != 0 && count > 0) {
         log.append("\r\nReplace Rule :");
