@@ -121,6 +121,92 @@ int SearchUpToZero(const RulePattern& pattern, std::string_view text, std::size_
     return SearchBytes(pattern, data, length, start, end);
 }
 
+// The library builds a repeated part once per repetition ("x+" holds x twice, "x{1,50}" fifty
+// times), so stacked repetitions grow the compiled form geometrically: "x+++...+" with a few dozen
+// "+" would take gigabytes. This is an upper estimate of the parse-tree size, counted the same
+// way, so such expressions can be refused before the library tries.
+constexpr std::uint64_t kMaxPatternSize = 1u << 12;
+constexpr std::uint64_t kHuge = std::uint64_t{1} << 40;  // saturation of the estimate
+
+std::uint64_t EstimatePatternSize(std::string_view expression) {
+    auto clamp = [](std::uint64_t value) { return std::min(value, kHuge); };
+    std::vector<std::uint64_t> groups{0};  // size of each open group so far
+    std::uint64_t last = 0;                // size of the last atom, what a repetition copies
+    std::size_t i = 0;
+    while (i < expression.size()) {
+        char c = expression[i];
+        std::uint64_t& size = groups.back();
+        if (c == '(') {
+            groups.push_back(0);
+            last = 0;
+            ++i;
+        } else if (c == ')' && groups.size() > 1) {
+            std::uint64_t inner = groups.back() + 1;
+            groups.pop_back();
+            groups.back() = clamp(groups.back() + inner);
+            last = inner;
+            ++i;
+        } else if (c == '*' || c == '?') {
+            size = clamp(size + 1);
+            last = clamp(last + 1);
+            ++i;
+        } else if (c == '+') {
+            size = clamp(size + last + 1);
+            last = clamp(2 * last + 1);
+            ++i;
+        } else if (c == '{') {
+            std::uint64_t low = 0;
+            std::uint64_t high = 0;
+            bool comma = false;
+            std::size_t j = i + 1;
+            for (; j < expression.size() && expression[j] != '}'; ++j) {
+                if (expression[j] == ',') {
+                    comma = true;
+                } else if (expression[j] >= '0' && expression[j] <= '9') {
+                    std::uint64_t& bound = comma ? high : low;
+                    bound = clamp(bound * 10 + static_cast<std::uint64_t>(expression[j] - '0'));
+                }
+            }
+            std::uint64_t copies = std::max(low, high) + 1;
+            size = clamp(size + clamp(last * copies));
+            last = clamp(last * (copies + 1));
+            i = j + 1;
+        } else if (c == '[') {
+            // A bracket list is one atom: skip to its closing bracket ("]" right after the
+            // opening "[" or "[^" belongs to the list; "[:...:]" and the like are nested).
+            std::size_t j = i + 1;
+            if (j < expression.size() && expression[j] == '^')
+                ++j;
+            if (j < expression.size() && expression[j] == ']')
+                ++j;
+            while (j < expression.size() && expression[j] != ']') {
+                if (expression[j] == '[' && j + 1 < expression.size() &&
+                    (expression[j + 1] == ':' || expression[j + 1] == '.' ||
+                     expression[j + 1] == '=')) {
+                    std::size_t close = expression.find(']', j + 2);
+                    j = close == std::string_view::npos ? expression.size() : close + 1;
+                } else {
+                    ++j;
+                }
+            }
+            size = clamp(size + 1);
+            last = 1;
+            i = j + 1;
+        } else {
+            size = clamp(size + 1);
+            last = 1;
+            i += (c == '\\') ? 2 : 1;
+        }
+        if (groups.back() > kMaxPatternSize || last > kMaxPatternSize) {
+            return groups.back() > last ? groups.back() : last;
+        }
+    }
+    std::uint64_t total = 0;
+    for (std::uint64_t size : groups)
+        total = clamp(total + size);
+    return total;
+}
+
 // Whether the expression may test what follows its match: an end anchor or a word-boundary
 // operator anywhere (in a bracket list too; a false alarm only costs speed).
 bool LooksPastMatchEnd(std::string_view expression) {
@@ -284,6 +370,9 @@ std::string ExpandReplaceEscapes(std::string_view text) {
 int CompilePattern(RulePattern& pattern, std::string_view text) {
     pattern.Free();
     std::string expanded = ExpandPatternEscapes(text);
+    if (EstimatePatternSize(expanded) > kMaxPatternSize) {
+        return REG_ESIZE;
+    }
     int rc;
     {
         ScopedByteLocale byteLocale;

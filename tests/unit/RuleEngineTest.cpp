@@ -247,6 +247,22 @@ TEST(CompileTest, FiftyGroupsAreRefusedFortyNineAccepted) {
     EXPECT_FALSE(pattern.IsCompiled());
 }
 
+TEST(CompileTest, ExplosiveRepetitionsAreRefusedBeforeCompiling) {
+    RulePattern pattern;
+    // Each "+" doubles what the library builds; these would take gigabytes.
+    EXPECT_EQ(CompilePattern(pattern, "x" + std::string(35, '+')), REG_ESIZE);
+    EXPECT_EQ(CompilePattern(pattern, "(a{1,1000}){1,1000}"), REG_ESIZE);
+    EXPECT_EQ(CompilePattern(pattern, "((ab)+[]x]{2,30000})+"), REG_ESIZE);
+    EXPECT_FALSE(pattern.IsCompiled());
+    // The largest accepted expressions still compile in reasonable time.
+    EXPECT_EQ(CompilePattern(pattern, "(x{1,1900})+"), 0);
+    EXPECT_EQ(CompilePattern(pattern, "x{1,1000}y{1,1000}"), 0);
+    for (const char* fine : {"x+++", "a{1,1000}", "[[:alpha:]]{1,50}(b+|c?)*", "<a [^>]*>",
+                             "(x|y){2}z{3,}", "[]a]+\\{"}) {
+        EXPECT_EQ(CompilePattern(pattern, fine), 0) << fine;
+    }
+}
+
 TEST(CompileTest, DoubleBackslashNCompilesAsBackslashAndLineFeed) {
     RulePattern pattern;
     ASSERT_EQ(CompilePattern(pattern, "\\\\n"), 0);
