@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "content/ContentStore.h"
+#include "content/RuleEditorSupport.h"
 #include "core/RegistryKey.h"
 #include "core/RegistryPaths.h"
 #include "support/TempPlatform.h"
@@ -98,6 +99,27 @@ TEST_F(TrayRuleMenuTest, CommandsSwitchAndSave) {
     RunDisableAllCommand(m_settings, true);
     EXPECT_EQ(http.GetDword("EnableREG", 7), 1u);
     EXPECT_EQ(OptionsOf(m_settings, kPop3Row).enableREG, 1u);
+}
+
+TEST_F(TrayRuleMenuTest, NewRuleNamesLineImagesAndGroups) {
+    ResetNewRuleCounter();
+    EXPECT_EQ(NextNewRuleName(), "Rule 1");
+    EXPECT_EQ(NextNewRuleName(), "Rule 2");
+    ResetNewRuleCounter();
+    auto rule = MakeNewRule(NextNewRuleName());
+    EXPECT_EQ(rule->name, "Rule 1");
+    EXPECT_EQ(rule->log, 1u);
+    EXPECT_EQ(RuleLineImage(*rule), 0);
+    rule->direction = 1;
+    EXPECT_EQ(RuleLineImage(*rule), 1);
+    rule->enable = 1;
+    EXPECT_EQ(RuleLineImage(*rule), 3);
+
+    Add(kPop3Row, "a", 1, 0, "mail");
+    Add(kHttpRow, "b", 1, 0, "web");
+    Add(kHttpRow, "c", 1, 0, "");
+    Add(kPop3Row, "d", 1, 0, "web");
+    EXPECT_EQ(DistinctGroups(m_settings), (std::vector<std::string>{"web", "mail"}));
 }
 
 }  // namespace
