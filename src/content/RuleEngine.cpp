@@ -31,36 +31,50 @@ class ScopedByteLocale {
     locale_t m_previous;
 };
 
-// Length of the text a search sees: up to its first zero byte, and within the 32-bit offsets
-// the engine reports.
-std::size_t SearchLength(std::string_view text) {
-    const void* zero = text.empty() ? nullptr : std::memchr(text.data(), 0, text.size());
-    std::size_t length =
-        zero == nullptr ? text.size() : static_cast<const char*>(zero) - text.data();
+// Finds the first zero byte of a text once and remembers it, so that passes over the rest of a
+// long text do not scan it again.
+class ZeroScan {
+  public:
+    explicit ZeroScan(std::string_view text) : m_text(text) {}
+    // Offset of the first zero byte at or after `from`, or the text's size when there is none.
+    std::size_t FirstFrom(std::size_t from) {
+        if (!m_known || m_zero < from) {
+            const void* zero = from >= m_text.size()
+                                   ? nullptr
+                                   : std::memchr(m_text.data() + from, 0, m_text.size() - from);
+            m_zero = zero == nullptr
+                         ? m_text.size()
+                         : static_cast<std::size_t>(static_cast<const char*>(zero) - m_text.data());
+            m_known = true;
+        }
+        return m_zero;
+    }
+
+  private:
+    std::string_view m_text;
+    std::size_t m_zero = 0;
+    bool m_known = false;
+};
+
+std::size_t Capped(std::size_t length) {
     return std::min<std::size_t>(length, INT_MAX);
 }
 
 // Searches data[0, length) as a whole text ("^" at data, "$" at data + length) without needing
 // a terminator there, so the main loop can search the rest of a text in place.
-int SearchBytes(const RulePattern& pattern, const char* data, std::size_t length,
-                std::int32_t& start, std::int32_t& end) {
-    if (!pattern.IsCompiled()) {
-        return 1;
-    }
+int RunSearch(const RulePattern& pattern, const char* data, std::size_t length,
+              regmatch_t (&slots)[kMatchSlots]) {
     static const char kEmpty[] = "";
-    regmatch_t slots[kMatchSlots];
     std::memset(slots, 0, sizeof(slots));
     slots[0].rm_so = 0;
     slots[0].rm_eo = static_cast<regoff_t>(length);
-    int rc;
-    {
-        ScopedByteLocale byteLocale;
-        rc =
-            regexec(pattern.Regex(), length == 0 ? kEmpty : data, kMatchSlots, slots, REG_STARTEND);
-    }
-    if (rc != 0) {
-        return 1;
-    }
+    ScopedByteLocale byteLocale;
+    return regexec(pattern.Regex(), length == 0 ? kEmpty : data, kMatchSlots, slots, REG_STARTEND);
+}
+
+// The range of the pattern's last group (the whole match without groups).
+int TakeLastGroup(const RulePattern& pattern, const regmatch_t (&slots)[kMatchSlots],
+                  std::int32_t& start, std::int32_t& end) {
     const regmatch_t& slot = slots[pattern.GroupCount()];
     if (slot.rm_so == -1 || slot.rm_eo == -1) {
         return 1;
@@ -70,6 +84,144 @@ int SearchBytes(const RulePattern& pattern, const char* data, std::size_t length
     return 0;
 }
 
+int SearchBytes(const RulePattern& pattern, const char* data, std::size_t length,
+                std::int32_t& start, std::int32_t& end) {
+    if (!pattern.IsCompiled()) {
+        return 1;
+    }
+    regmatch_t slots[kMatchSlots];
+    if (RunSearch(pattern, data, length, slots) != 0) {
+        return 1;
+    }
+    return TakeLastGroup(pattern, slots, start, end);
+}
+
+// Searches text[offset, ...) up to its first zero byte, as if that stretch were the whole text.
+// An expression that cannot look past its match is first run over everything: when no zero
+// byte lies before the match it found, the limited search gives the same match, and the zero
+// byte is only looked for up to there. Otherwise the limit is found first.
+int SearchUpToZero(const RulePattern& pattern, std::string_view text, std::size_t offset,
+                   ZeroScan& zeros, std::int32_t& start, std::int32_t& end) {
+    if (!pattern.IsCompiled()) {
+        return 1;
+    }
+    const char* data = text.data() + offset;
+    std::size_t length = Capped(text.size() - offset);
+    if (!pattern.LooksPastMatchEnd()) {
+        regmatch_t slots[kMatchSlots];
+        if (RunSearch(pattern, data, length, slots) != 0) {
+            return 1;
+        }
+        auto wholeEnd = static_cast<std::size_t>(slots[0].rm_eo);
+        if (std::memchr(data, 0, wholeEnd) == nullptr) {
+            return TakeLastGroup(pattern, slots, start, end);
+        }
+    }
+    length = Capped(zeros.FirstFrom(offset) - offset);
+    return SearchBytes(pattern, data, length, start, end);
+}
+
+// The library builds a repeated part once per repetition ("x+" holds x twice, "x{1,50}" fifty
+// times), so stacked repetitions grow the compiled form geometrically: "x+++...+" with a few dozen
+// "+" would take gigabytes. This is an upper estimate of the parse-tree size, counted the same
+// way, so such expressions can be refused before the library tries.
+constexpr std::uint64_t kMaxPatternSize = 1u << 12;
+constexpr std::uint64_t kHuge = std::uint64_t{1} << 40;  // saturation of the estimate
+
+std::uint64_t EstimatePatternSize(std::string_view expression) {
+    auto clamp = [](std::uint64_t value) { return std::min(value, kHuge); };
+    std::vector<std::uint64_t> groups{0};  // size of each open group so far
+    std::uint64_t last = 0;                // size of the last atom, what a repetition copies
+    std::size_t i = 0;
+    while (i < expression.size()) {
+        char c = expression[i];
+        std::uint64_t& size = groups.back();
+        if (c == '(') {
+            groups.push_back(0);
+            last = 0;
+            ++i;
+        } else if (c == ')' && groups.size() > 1) {
+            std::uint64_t inner = groups.back() + 1;
+            groups.pop_back();
+            groups.back() = clamp(groups.back() + inner);
+            last = inner;
+            ++i;
+        } else if (c == '*' || c == '?') {
+            size = clamp(size + 1);
+            last = clamp(last + 1);
+            ++i;
+        } else if (c == '+') {
+            size = clamp(size + last + 1);
+            last = clamp(2 * last + 1);
+            ++i;
+        } else if (c == '{') {
+            std::uint64_t low = 0;
+            std::uint64_t high = 0;
+            bool comma = false;
+            std::size_t j = i + 1;
+            for (; j < expression.size() && expression[j] != '}'; ++j) {
+                if (expression[j] == ',') {
+                    comma = true;
+                } else if (expression[j] >= '0' && expression[j] <= '9') {
+                    std::uint64_t& bound = comma ? high : low;
+                    bound = clamp(bound * 10 + static_cast<std::uint64_t>(expression[j] - '0'));
+                }
+            }
+            std::uint64_t copies = std::max(low, high) + 1;
+            size = clamp(size + clamp(last * copies));
+            last = clamp(last * (copies + 1));
+            i = j + 1;
+        } else if (c == '[') {
+            // A bracket list is one atom: skip to its closing bracket ("]" right after the
+            // opening "[" or "[^" belongs to the list; "[:...:]" and the like are nested).
+            std::size_t j = i + 1;
+            if (j < expression.size() && expression[j] == '^')
+                ++j;
+            if (j < expression.size() && expression[j] == ']')
+                ++j;
+            while (j < expression.size() && expression[j] != ']') {
+                if (expression[j] == '[' && j + 1 < expression.size() &&
+                    (expression[j + 1] == ':' || expression[j + 1] == '.' ||
+                     expression[j + 1] == '=')) {
+                    std::size_t close = expression.find(']', j + 2);
+                    j = close == std::string_view::npos ? expression.size() : close + 1;
+                } else {
+                    ++j;
+                }
+            }
+            size = clamp(size + 1);
+            last = 1;
+            i = j + 1;
+        } else {
+            size = clamp(size + 1);
+            last = 1;
+            i += (c == '\\') ? 2 : 1;
+        }
+        if (groups.back() > kMaxPatternSize || last > kMaxPatternSize) {
+            return groups.back() > last ? groups.back() : last;
+        }
+    }
+    std::uint64_t total = 0;
+    for (std::uint64_t size : groups)
+        total = clamp(total + size);
+    return total;
+}
+
+// Whether the expression may test what follows its match: an end anchor or a word-boundary
+// operator anywhere (in a bracket list too; a false alarm only costs speed).
+bool LooksPastMatchEnd(std::string_view expression) {
+    for (std::size_t i = 0; i < expression.size(); ++i) {
+        if (expression[i] == '$') {
+            return true;
+        }
+        if (expression[i] == '\\' && i + 1 < expression.size() &&
+            std::string_view("<>bB'").find(expression[i + 1]) != std::string_view::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 struct UnitRun {
     int result = kUnitNotFound;
     std::int32_t start = 0;
@@ -77,10 +229,12 @@ struct UnitRun {
     bool positioned = false;  // start and end were set
 };
 
-// One unit over `piece` (searched up to searchLength), trace appended to the test log. The
-// piece itself is not changed: the caller applies the replacement, so the main loop can build
-// its output once instead of copying the rest of the text on every pass.
-UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view piece, std::size_t searchLength) {
+// One unit over text[offset, ...) (searched up to its first zero byte), trace appended to the test
+// log. The piece itself is not changed: the caller applies the replacement, so the main loop can
+// build its output once instead of copying the rest of the text on every pass.
+UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view text, std::size_t offset,
+                ZeroScan& zeros) {
+    std::string_view piece = text.substr(offset);
     std::string& log = TestLog();
     UnitRun run;
     if (unit.enable == 0) {
@@ -88,7 +242,7 @@ UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view piece, std::size_t 
         run.result = kUnitSkipped;
         return run;
     }
-    if (SearchBytes(unit.findPattern, piece.data(), searchLength, run.start, run.end) != 0) {
+    if (SearchUpToZero(unit.findPattern, text, offset, zeros, run.start, run.end) != 0) {
         if (unit.replaceSwitch != 0 && unit.rawReplacement.empty()) {
             log.append("\r\n  ignored: ").append(unit.comment);
             run.start = 0;
@@ -113,8 +267,9 @@ UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view piece, std::size_t 
     if (unit.compareSwitch != 0) {
         std::int32_t compareStart = 0;
         std::int32_t compareEnd = 0;
-        if (SearchBytes(unit.comparePattern, found.data(), SearchLength(found), compareStart,
-                        compareEnd) == 0) {
+        ZeroScan foundZeros(found);
+        if (SearchUpToZero(unit.comparePattern, found, 0, foundZeros, compareStart, compareEnd) ==
+            0) {
             log.append("-compared ");
         } else {
             outcome = kUnitNotFound;
@@ -128,6 +283,59 @@ UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view piece, std::size_t 
     run.result = outcome;
     return run;
 }
+
+// Applies the main loop's rewrites as they come, in order and without overlap. While no
+// replacement outgrows what has been read so far, the text is compacted in place (the part not
+// yet searched is never touched); after that the rest is built once in a new buffer.
+class TextRewriter {
+  public:
+    explicit TextRewriter(std::string& text) : m_text(text) {}
+
+    // Source range [start, end) becomes `replacement`.
+    void Replace(std::size_t start, std::size_t end, std::string_view replacement) {
+        std::size_t gap = start - m_read;
+        if (!m_building && m_write + gap + replacement.size() > end) {
+            m_building = true;
+            m_output.reserve(m_text.size() + replacement.size());
+            m_output.append(m_text, 0, m_write);
+        }
+        if (m_building) {
+            m_output.append(m_text, m_read, gap).append(replacement);
+        } else {
+            char* data = m_text.data();
+            if (m_write != m_read) {
+                std::memmove(data + m_write, data + m_read, gap);
+            }
+            m_write += gap;
+            std::memcpy(data + m_write, replacement.data(), replacement.size());
+            m_write += replacement.size();
+        }
+        m_read = end;
+        m_changed = true;
+    }
+
+    void Finish() {
+        if (!m_changed) {
+            return;
+        }
+        if (m_building) {
+            m_output.append(m_text, m_read, std::string::npos);
+            m_text.swap(m_output);
+        } else if (m_write != m_read) {
+            std::size_t tail = m_text.size() - m_read;
+            std::memmove(m_text.data() + m_write, m_text.data() + m_read, tail);
+            m_text.resize(m_write + tail);
+        }
+    }
+
+  private:
+    std::string& m_text;
+    std::string m_output;
+    std::size_t m_write = 0;  // end of the settled text in place
+    std::size_t m_read = 0;   // end of the source consumed so far
+    bool m_building = false;
+    bool m_changed = false;
+};
 
 }  // namespace
 
@@ -162,6 +370,9 @@ std::string ExpandReplaceEscapes(std::string_view text) {
 int CompilePattern(RulePattern& pattern, std::string_view text) {
     pattern.Free();
     std::string expanded = ExpandPatternEscapes(text);
+    if (EstimatePatternSize(expanded) > kMaxPatternSize) {
+        return REG_ESIZE;
+    }
     int rc;
     {
         ScopedByteLocale byteLocale;
@@ -173,6 +384,7 @@ int CompilePattern(RulePattern& pattern, std::string_view text) {
         return rc;
     }
     pattern.SetCompiled(true);
+    pattern.SetLooksPastMatchEnd(LooksPastMatchEnd(expanded));
     if (pattern.GroupCount() >= kMatchSlots) {
         // The last group's slot would lie outside the match slots.
         pattern.Free();
@@ -183,12 +395,14 @@ int CompilePattern(RulePattern& pattern, std::string_view text) {
 
 int SearchPattern(const RulePattern& pattern, std::string_view text, std::int32_t& start,
                   std::int32_t& end) {
-    return SearchBytes(pattern, text.data(), SearchLength(text), start, end);
+    ZeroScan zeros(text);
+    return SearchUpToZero(pattern, text, 0, zeros, start, end);
 }
 
 int ApplyRegRule(const RegRuleMatcher& unit, std::string& text, std::string& found,
                  std::int32_t& start, std::int32_t& end) {
-    UnitRun run = RunUnit(unit, text, SearchLength(text));
+    ZeroScan zeros(text);
+    UnitRun run = RunUnit(unit, text, 0, zeros);
     if (!run.positioned) {
         return run.result;
     }
@@ -214,13 +428,13 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
         return kRuleDisabled;
     }
 
-    // The text before `rest` is final and lies in `output`; from `rest` on it is still the
-    // caller's text, untouched. Every pass searches that remainder in place and appends what it
-    // settled, so the cost stays linear in the length of the text.
+    // Every pass searches the rest of the caller's text in place (from `rest` on it is still
+    // untouched) and hands what it rewrites to the rewriter, so the cost stays linear in the
+    // length of the text however many passes there are.
     const std::string& source = text;
-    std::string output;
+    TextRewriter rewriter(text);
     std::size_t rest = 0;
-    std::size_t zero = source.find('\0');
+    ZeroScan zeros(source);
     int best = kRuleNothing;
     unsigned count = 0;
     while (true) {
@@ -229,27 +443,24 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
         }
         log.append("Main Rule:");
         std::string_view piece(source.data() + rest, source.size() - rest);
-        if (zero != std::string::npos && zero < rest) {
-            zero = source.find('\0', rest);
-        }
-        std::size_t searchLength = std::min<std::size_t>(
-            (zero == std::string::npos ? source.size() : zero) - rest, INT_MAX);
-        UnitRun run = RunUnit(rule.main, piece, searchLength);
+        UnitRun run = RunUnit(rule.main, source, rest, zeros);
         if (run.result == kUnitNotFound || run.result == kUnitSkipped) {
             break;
         }
         best = std::max(best, run.result);
-        std::string_view before = piece.substr(0, run.start);
-        std::string_view middle = run.result == kUnitReplaced
-                                      ? std::string_view(rule.main.replacement)
-                                      : piece.substr(run.start, run.end - run.start);
+        std::size_t editStart = rest + run.start;
+        std::size_t editEnd = rest + run.end;
+        bool replaced = run.result == kUnitReplaced;
         if (rule.subRules.empty()) {
-            output.append(before).append(middle);
-            rest += run.end;
+            if (replaced) {
+                rewriter.Replace(editStart, editEnd, rule.main.replacement);
+            }
             ++count;
         } else {
             log.append("\r\nSubRules :");
-            std::string region(middle);
+            std::string region = replaced
+                                     ? rule.main.replacement
+                                     : std::string(piece.substr(run.start, run.end - run.start));
             std::string collected;
             bool any = false;
             bool abandoned = false;
@@ -271,24 +482,22 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
                 }
                 any = true;
             }
-            output.append(before);
             if (abandoned) {
-                output.append(middle);
+                if (replaced) {
+                    rewriter.Replace(editStart, editEnd, rule.main.replacement);
+                }
             } else {
-                output.append(region);
+                rewriter.Replace(editStart, editEnd, region);
                 ++count;
                 best = kRuleProcessed;
             }
-            rest += run.end;
         }
+        rest = editEnd;
         if (rule.recurse != 1 || rest >= source.size()) {
             break;
         }
     }
-    if (rest > 0 || !output.empty()) {
-        output.append(source, rest, std::string::npos);
-        text.swap(output);
-    }
+    rewriter.Finish();
 
     if (rule.replace.enable != 0 && count > 0) {
         log.append("\r\nReplace Rule :");

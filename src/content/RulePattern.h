@@ -24,6 +24,10 @@ class RulePattern {
     const regex_t* Regex() const { return &m_regex; }
     regex_t* MutableRegex() { return &m_regex; }
     void SetCompiled(bool compiled) { m_compiled = compiled ? 1 : 0; }
+    // Whether a match can depend on what follows it ("$", word boundaries): such expressions
+    // need the zero-byte limit of the text before they are searched.
+    bool LooksPastMatchEnd() const { return m_looksPastMatchEnd; }
+    void SetLooksPastMatchEnd(bool value) { m_looksPastMatchEnd = value; }
     void Free() {
         if (m_compiled != 0) {
             regfree(&m_regex);
@@ -34,6 +38,7 @@ class RulePattern {
   private:
     platform::DWORD m_compiled = 0;
     regex_t m_regex{};
+    bool m_looksPastMatchEnd = true;
 };
 
 }  // namespace qbrix::content

@@ -47,6 +47,69 @@ std::unique_ptr<ContentRule> MakeRule(const RegRule& mainRule, DWORD recurse = 0
                                          subRules, 1, 0, "");
 }
 
+// The search as first written: the text up to its first zero byte, as a C string.
+int ReferenceSearch(const RulePattern& pattern, const std::string& text, std::int32_t& start,
+                    std::int32_t& end) {
+    if (!pattern.IsCompiled())
+        return 1;
+    std::string terminated(text.c_str());
+    regmatch_t slots[kMatchSlots] = {};
+    if (regexec(pattern.Regex(), terminated.c_str(), kMatchSlots, slots, 0) != 0)
+        return 1;
+    const regmatch_t& slot = slots[pattern.GroupCount()];
+    if (slot.rm_so == -1 || slot.rm_eo == -1)
+        return 1;
+    start = slot.rm_so;
+    end = slot.rm_eo;
+    return 0;
+}
+
+int ReferenceApplyRegRule(const RegRuleMatcher& unit, std::string& text, std::string& found,
+                          std::int32_t& start, std::int32_t& end) {
+    std::string& log = TestLog();
+    if (unit.enable == 0) {
+        log += "\r\n  disabled: " + unit.comment;
+        return 1;
+    }
+    if (ReferenceSearch(unit.findPattern, text, start, end) != 0) {
+        if (unit.replaceSwitch != 0 && unit.rawReplacement.empty()) {
+            log += "\r\n  ignored: " + unit.comment;
+            start = 0;
+            end = 0;
+            found.clear();
+            return 1;
+        }
+        log += "\r\n  not found: " + unit.comment;
+        return 0;
+    }
+    if (!unit.findText.empty()) {
+        found = text.substr(start, end - start);
+    } else {
+        found = text;
+        start = 0;
+        end = static_cast<std::int32_t>(text.size());
+    }
+    log += "\r\n  found ";
+    int outcome = 2;
+    if (unit.compareSwitch != 0) {
+        std::int32_t s = 0;
+        std::int32_t e = 0;
+        if (ReferenceSearch(unit.comparePattern, found, s, e) == 0) {
+            log += "-compared ";
+        } else {
+            outcome = 0;
+        }
+    }
+    if (unit.replaceSwitch != 0 && outcome == 2) {
+        text.replace(start, end - start, unit.replacement);
+        end = start + static_cast<std::int32_t>(unit.replacement.size());
+        log += "-modified ";
+        outcome = 3;
+    }
+    log += " :" + unit.comment;
+    return outcome;
+}
+
 // The engine as first written: every pass copies the rest of the text and writes the modified
 // piece back. The fast engine must give the same result, text and trace byte for byte.
 int ReferenceApplyContentRule(const ContentRule& rule, std::string& text) {
@@ -67,7 +130,7 @@ int ReferenceApplyContentRule(const ContentRule& rule, std::string& text) {
         std::string found;
         std::int32_t start = 0;
         std::int32_t end = 0;
-        int r = ApplyRegRule(rule.main, piece, found, start, end);
+        int r = ReferenceApplyRegRule(rule.main, piece, found, start, end);
         if (r == 0 || r == 1)
             break;
         if (r == 3)
@@ -88,10 +151,10 @@ int ReferenceApplyContentRule(const ContentRule& rule, std::string& text) {
                 std::int32_t e2 = 0;
                 int r2;
                 if (!sub->findText.empty()) {
-                    r2 = ApplyRegRule(*sub, region, piece2, s2, e2);
+                    r2 = ReferenceApplyRegRule(*sub, region, piece2, s2, e2);
                     collected += piece2 + ",";
                 } else {
-                    r2 = ApplyRegRule(*sub, collected, piece2, s2, e2);
+                    r2 = ReferenceApplyRegRule(*sub, collected, piece2, s2, e2);
                 }
                 if (r2 == 0) {
                     abandoned = !any;
@@ -116,7 +179,7 @@ int ReferenceApplyContentRule(const ContentRule& rule, std::string& text) {
         std::string found;
         std::int32_t s = 0;
         std::int32_t e = 0;
-        int r = ApplyRegRule(rule.replace, text, found, s, e);
+        int r = ReferenceApplyRegRule(rule.replace, text, found, s, e);
         if (r != 0 && r != 1)
             best = 4;
     }
@@ -182,6 +245,22 @@ TEST(CompileTest, FiftyGroupsAreRefusedFortyNineAccepted) {
     EXPECT_EQ(end, 50);
     EXPECT_EQ(CompilePattern(pattern, fortyNine + "(b)"), REG_ESIZE);
     EXPECT_FALSE(pattern.IsCompiled());
+}
+
+TEST(CompileTest, ExplosiveRepetitionsAreRefusedBeforeCompiling) {
+    RulePattern pattern;
+    // Each "+" doubles what the library builds; these would take gigabytes.
+    EXPECT_EQ(CompilePattern(pattern, "x" + std::string(35, '+')), REG_ESIZE);
+    EXPECT_EQ(CompilePattern(pattern, "(a{1,1000}){1,1000}"), REG_ESIZE);
+    EXPECT_EQ(CompilePattern(pattern, "((ab)+[]x]{2,30000})+"), REG_ESIZE);
+    EXPECT_FALSE(pattern.IsCompiled());
+    // The largest accepted expressions still compile in reasonable time.
+    EXPECT_EQ(CompilePattern(pattern, "(x{1,1900})+"), 0);
+    EXPECT_EQ(CompilePattern(pattern, "x{1,1000}y{1,1000}"), 0);
+    for (const char* fine : {"x+++", "a{1,1000}", "[[:alpha:]]{1,50}(b+|c?)*", "<a [^>]*>",
+                             "(x|y){2}z{3,}", "[]a]+\\{"}) {
+        EXPECT_EQ(CompilePattern(pattern, fine), 0) << fine;
+    }
 }
 
 TEST(CompileTest, DoubleBackslashNCompilesAsBackslashAndLineFeed) {
@@ -413,8 +492,9 @@ TEST_F(RuleEngineTest, TextAfterZeroByteIsNotSearched) {
 // and zero bytes all occur; the fast engine must agree with the copy-per-pass one exactly.
 TEST_F(RuleEngineTest, MatchesCopyPerPassEngineOnGeneratedInputs) {
     std::mt19937 random(12345);
-    const std::vector<std::string> finds = {"a",  "ab", "b+",    "(a)b",  "a(b)?", "",
-                                            "^a", "b$", "a|(c)", "[ab]c", "c.a",   "x"};
+    const std::vector<std::string> finds = {"a",    "ab",    "b+",      "(a)b",    "a(b)?", "",
+                                            "^a",   "b$",    "a|(c)",   "[ab]c",   "c.a",   "x",
+                                            "a\\>", "[^c]+", "c[^a]*a", "(x|\\<c)"};
     const std::vector<std::string> replaces = {"", "Z", "zz", "\\n", "abc"};
     auto pick = [&](const std::vector<std::string>& from) { return from[random() % from.size()]; };
     auto text = [&] {
@@ -435,7 +515,7 @@ TEST_F(RuleEngineTest, MatchesCopyPerPassEngineOnGeneratedInputs) {
             stored.enable = 0;
         return stored;
     };
-    for (int round = 0; round < 3000; ++round) {
+    for (int round = 0; round < 10000; ++round) {
         RegRule mainRule = unit();
         DWORD recurse = random() % 2;
         if (recurse == 1 &&

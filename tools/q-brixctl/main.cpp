@@ -3,12 +3,15 @@
 //   q-brixctl [--root DIR] catalog reset    restore the seeded base catalog
 //   q-brixctl [--root DIR] av scan FILE [--engine NAME]   scan one file with an antivirus engine
 //   q-brixctl [--root DIR] av test [--engine NAME]        run the antivirus self-test
+//   q-brixctl [--root DIR] rule|unit|options ...           content rules and protocol options
+//                                                          (see ContentCommand.h)
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "AvCommand.h"
 #include "CatalogCommand.h"
+#include "ContentCommand.h"
 #include "platform/posix/PosixPlatform.h"
 
 namespace {
@@ -18,7 +21,10 @@ int Usage(const std::string& problem) {
         std::cerr << "q-brixctl: " << problem << "\n";
     }
     std::cerr << "usage: q-brixctl [--root DIR] catalog [reset]\n"
-                 "       q-brixctl [--root DIR] av (scan FILE | test) [--engine NAME]\n";
+                 "       q-brixctl [--root DIR] av (scan FILE | test) [--engine NAME]\n"
+                 "       q-brixctl [--root DIR] rule (list | export | import | delete | test) ...\n"
+                 "       q-brixctl [--root DIR] unit test --find P ... INPUT\n"
+                 "       q-brixctl [--root DIR] options (show | set SWITCH VALUE) ...\n";
     return 2;
 }
 
@@ -46,6 +52,15 @@ int main(int argc, char** argv) {
     }
     if (command == "av") {
         return tools::RunAvCommand(args, std::cout, std::cerr);
+    }
+    if (command == "rule") {
+        return tools::RunRuleCommand(args, std::cout, std::cerr);
+    }
+    if (command == "unit") {
+        return tools::RunUnitCommand(args, std::cout, std::cerr);
+    }
+    if (command == "options") {
+        return tools::RunOptionsCommand(args, std::cout, std::cerr);
     }
     return Usage("unknown command '" + command + "'");
 }

@@ -1,0 +1,37 @@
+// The content rule exchange file: one rule per XML file, root MASTER_RULE with the units MAIN,
+// SUBST (only when there are sub-rules) and REPLACE. Group and PopUp are not exchanged.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "content/ContentRule.h"
+#include "content/RuleList.h"
+
+namespace qbrix::content {
+
+// Files larger than this are refused as unreadable: a rule file is a few kilobytes, and the
+// limit keeps a hostile file from taking unbounded memory.
+inline constexpr std::size_t kMaxRuleFileBytes = 16u * 1024u * 1024u;
+
+// Writes the rule's file; a path that cannot be written leaves nothing behind. Nothing returned.
+void ExportContentRule(const ContentRule& rule, const std::string& path);
+// Fills a freshly made rule from a file. 1 when the file cannot be read or parsed, is too big,
+// or its last top-level node is not the element MASTER_RULE (so anything after the root is
+// refused); 0 otherwise.
+int ImportContentRule(ContentRule& rule, const std::string& path);
+
+// The file name proposed for exporting a rule: " " to "_", ":" to ".", "\" and "/" to "-".
+std::string ProposeExportFileName(std::string_view ruleName);
+
+// Results of ImportRuleIntoList.
+inline constexpr int kImportAdded = 0;
+inline constexpr int kImportFailed = 1;
+inline constexpr int kImportDeclined = 2;
+
+// The page's Import after the file dialog: imports into a new rule; when the list holds a rule
+// of the same name (compared without regard to case) asks "Overwrite existing Rule?" and on Yes
+// deletes that rule. The imported rule goes to the end of the list; `added` points at it.
+int ImportRuleIntoList(RuleList& list, const std::string& path, ContentRule** added = nullptr);
+
+}  // namespace qbrix::content
