@@ -1,27 +1,39 @@
 #include "app/AppLinks.h"
 
 #include "core/Messages.h"
+#include "driver/DriverControl.h"
+#include "driver/DriverErrors.h"
+#include "driver/DriverService.h"
 #include "provider_install/ProviderInstaller.h"
 
 namespace qbrix::app {
 
-// This build carries no driver link yet: the device cannot be opened, so start-up stops at the
-// device check with a message, and the installation commands have nothing to install.
-int AppLinks::InstallDriver(int) { return 0; }
-void AppLinks::RemoveDriver(int) {}
+int AppLinks::InstallDriver(int permanent) {
+    return driver::InstallDriver(permanent);
+}
+void AppLinks::RemoveDriver(int permanent) {
+    driver::RemoveDriver(permanent);
+}
 int AppLinks::InstallLayeredProvider() {
     return provider_install::ProviderInstaller().InstallLayeredProvider();
 }
 void AppLinks::RemoveLayeredProvider() {
     provider_install::ProviderInstaller().RemoveLayeredProvider();
 }
-int AppLinks::OpenDriverDevice(int) { return 1; }
-int AppLinks::CheckDriverVersion() { return 1; }
-void AppLinks::SetFilteringState(int) {}
-void AppLinks::CloseDriverDevice() {}
+int AppLinks::OpenDriverDevice(int permanent) {
+    return driver::OpenDriverDevice(permanent);
+}
+int AppLinks::CheckDriverVersion() {
+    return driver::CheckDriverVersion(driver::g_hDriver);
+}
+void AppLinks::SetFilteringState(int state) {
+    driver::SetFilteringState(driver::g_hDriver, static_cast<std::uint32_t>(state));
+}
+void AppLinks::CloseDriverDevice() {
+    driver::CloseDriverDevice();
+}
 void AppLinks::ShowDriverErrors() {
-    core::CurrentMessages().MessageBox("driver link not available in this build", "error",
-                                       core::MB_OK | core::MB_ICONERROR);
+    driver::ShowDriverErrors();
 }
 void AppLinks::LoadZoneList() {}
 

@@ -14,17 +14,6 @@ bool IsAdministratorsSid(const SID& sid) {
                std::vector<DWORD>{SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS};
 }
 
-bool IsLinuxAdministrator(const UserIdentity& user) {
-    static const char* const kAdminGroups[] = {"sudo", "admin", "wheel"};
-    if (user.uid == 0) {
-        return true;
-    }
-    return std::any_of(user.groups.begin(), user.groups.end(), [](const std::string& g) {
-        return std::find(std::begin(kAdminGroups), std::end(kAdminGroups), g) !=
-               std::end(kAdminGroups);
-    });
-}
-
 // Only the caller's own token (a null handle) is supported, which is all the system asks.
 BOOL CheckTokenMembership(void* token, PSID sid, BOOL* isMember) {
     if (token != nullptr || sid == nullptr || isMember == nullptr) {
@@ -36,6 +25,17 @@ BOOL CheckTokenMembership(void* token, PSID sid, BOOL* isMember) {
 }
 
 }  // namespace
+
+bool IsLinuxAdministrator(const UserIdentity& user) {
+    static const char* const kAdminGroups[] = {"sudo", "admin", "wheel"};
+    if (user.uid == 0) {
+        return true;
+    }
+    return std::any_of(user.groups.begin(), user.groups.end(), [](const std::string& g) {
+        return std::find(std::begin(kAdminGroups), std::end(kAdminGroups), g) !=
+               std::end(kAdminGroups);
+    });
+}
 
 BOOL AllocateAndInitializeSid(const std::array<BYTE, 6>& authority, BYTE count, DWORD s0,
                               DWORD s1, DWORD s2, DWORD s3, DWORD s4, DWORD s5, DWORD s6,

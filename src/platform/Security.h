@@ -31,6 +31,11 @@ void FreeSid(PSID sid);
 using CheckTokenMembershipFn = BOOL (*)(void* token, PSID sid, BOOL* isMember);
 
 class Libraries;
+struct UserIdentity;
+
+// Whether the user counts as a member of the Administrators group (root or an administrator
+// group), as CheckTokenMembership answers.
+bool IsLinuxAdministrator(const UserIdentity& user);
 
 // Registers the built-in system modules (ADVAPI32.DLL) with a platform's libraries.
 void RegisterSystemModules(Libraries& libraries);

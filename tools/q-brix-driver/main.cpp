@@ -1,0 +1,161 @@
+// q-brix-driver: the reference driver. Serves the driver side of the control protocol on the
+// data root's device socket, so the control program runs for real without the kernel driver,
+// and takes simulated connections from a scenario or from the command line.
+//
+//   q-brix-driver [--root DIR] [--foreground] [--scenario FILE|demo] [--version-text TEXT]
+//                 [--hold-ms MS]
+//   q-brix-driver [--root DIR] --inject "connect IMAGE tcp|udp in|out A.B.C.D:PORT [BYTES] ..."
+//   q-brix-driver [--root DIR] --status
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "DriverServer.h"
+#include "Scenario.h"
+#include "platform/posix/PosixPlatform.h"
+
+namespace {
+
+using qbrix::refdriver::DriverServer;
+using qbrix::refdriver::ReferenceDriver;
+
+int Usage() {
+    std::fputs(
+        "usage: q-brix-driver [--root DIR] [--foreground] [--scenario FILE|demo]\n"
+        "                     [--version-text TEXT] [--hold-ms MS]\n"
+        "       q-brix-driver [--root DIR] --inject \"connect IMAGE tcp|udp in|out "
+        "A.B.C.D:PORT [BYTES] [local=PORT] [path=P]\"\n"
+        "       q-brix-driver [--root DIR] --status\n",
+        stderr);
+    return 2;
+}
+
+int Client(const std::string& root, const std::string& command) {
+    std::string answer;
+    int result = qbrix::refdriver::SendControlCommand(root, command, &answer);
+    std::fprintf(result == 0 && answer.rfind("ok", 0) == 0 ? stdout : stderr, "%s\n",
+                 answer.c_str());
+    return result == 0 && answer.rfind("ok", 0) == 0 ? 0 : 1;
+}
+
+// Detaches from the terminal; the parent returns once the driver serves its socket.
+bool Daemonize(int ready[2]) {
+    if (::pipe(ready) != 0) {
+        return false;
+    }
+    pid_t child = ::fork();
+    if (child < 0) {
+        return false;
+    }
+    if (child > 0) {
+        ::close(ready[1]);
+        char status = 1;
+        ssize_t got = ::read(ready[0], &status, 1);
+        ::_exit(got == 1 && status == 0 ? 0 : 1);
+    }
+    ::close(ready[0]);
+    ::setsid();
+    int null = ::open("/dev/null", O_RDWR);
+    if (null >= 0) {
+        ::dup2(null, 0);
+        ::dup2(null, 1);
+        ::close(null);
+    }
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string root = qbrix::platform::DefaultDataRoot();
+    bool foreground = false;
+    std::string scenario;
+    std::string inject;
+    bool status = false;
+    ReferenceDriver::Options options;
+    options.nineX = qbrix::platform::FamilyFromEnvironment() == qbrix::platform::Family::Win9x;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        bool hasValue = i + 1 < argc;
+        if (arg == "--root" && hasValue) {
+            root = argv[++i];
+        } else if (arg == "--foreground") {
+            foreground = true;
+        } else if (arg == "--scenario" && hasValue) {
+            scenario = argv[++i];
+        } else if (arg == "--version-text" && hasValue) {
+            options.versionText = argv[++i];
+        } else if (arg == "--hold-ms" && hasValue) {
+            std::string_view value = argv[++i];
+            long ms = 0;
+            auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), ms);
+            if (error != std::errc() || end != value.data() + value.size() || ms < 0) {
+                return Usage();
+            }
+            options.holdTime = std::chrono::milliseconds(ms);
+        } else if (arg == "--inject" && hasValue) {
+            inject = argv[++i];
+        } else if (arg == "--status") {
+            status = true;
+        } else {
+            return Usage();
+        }
+    }
+    if (!inject.empty()) {
+        return Client(root, inject.rfind("connect ", 0) == 0 ? inject : "connect " + inject);
+    }
+    if (status) {
+        return Client(root, "status");
+    }
+
+    std::vector<qbrix::refdriver::ScenarioStep> steps;
+    if (!scenario.empty()) {
+        std::string text;
+        if (scenario == "demo") {
+            text = std::string(qbrix::refdriver::DemoScenario());
+        } else {
+            std::ifstream in(scenario, std::ios::binary);
+            if (!in) {
+                std::fprintf(stderr, "q-brix-driver: cannot read %s\n", scenario.c_str());
+                return 1;
+            }
+            std::ostringstream content;
+            content << in.rdbuf();
+            text = content.str();
+        }
+        std::string error;
+        if (qbrix::refdriver::ParseScenario(text, &steps, &error) != 0) {
+            std::fprintf(stderr, "q-brix-driver: %s: %s\n", scenario.c_str(), error.c_str());
+            return 1;
+        }
+    }
+
+    ReferenceDriver driver(options);
+    DriverServer server(driver, root);
+    std::string error;
+    if (server.Open(&error) != 0) {
+        std::fprintf(stderr, "q-brix-driver: %s\n", error.c_str());
+        return 1;
+    }
+    if (!foreground) {
+        // The sockets stay bound across the fork; only the pid file names the parent.
+        int ready[2] = {-1, -1};
+        if (!Daemonize(ready)) {
+            std::fputs("q-brix-driver: cannot detach\n", stderr);
+            return 1;
+        }
+        std::ofstream(server.PidFile(), std::ios::trunc) << ::getpid() << "\n";
+        char ok = 0;
+        [[maybe_unused]] ssize_t ignored = ::write(ready[1], &ok, 1);
+        ::close(ready[1]);
+    }
+    server.SetScenario(std::move(steps));
+    server.Run();
+    return 0;
+}
