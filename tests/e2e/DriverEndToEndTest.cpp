@@ -1,0 +1,313 @@
+// The driver link with real processes and real sockets: the reference driver serving every
+// request on both families, the 9x driver loaded for the life of a handle, and the control
+// program's start-up and exit against the driver.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fcntl.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "DriverServer.h"
+#include "driver/DriverControl.h"
+#include "driver/DriverErrors.h"
+#include "platform/Device.h"
+#include "platform/Platform.h"
+#include "platform/Services.h"
+#include "platform/SystemFiles.h"
+#include "support/TempPlatform.h"
+
+extern char** environ;
+
+namespace qbrix::driver {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A child process with its error output captured in a file.
+class Process {
+  public:
+    Process(std::vector<std::string> argv, std::vector<std::string> environment,
+            const std::string& errorFile) {
+        std::vector<char*> args;
+        for (std::string& word : argv) {
+            args.push_back(word.data());
+        }
+        args.push_back(nullptr);
+        for (char** entry = environ; *entry != nullptr; ++entry) {
+            environment.emplace_back(*entry);
+        }
+        std::vector<char*> env;
+        for (std::string& entry : environment) {
+            env.push_back(entry.data());
+        }
+        env.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 2, errorFile.c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        EXPECT_EQ(posix_spawn(&m_pid, args[0], &actions, nullptr, args.data(), env.data()), 0);
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    ~Process() {
+        if (m_pid > 0 && !m_ended) {
+            ::kill(m_pid, SIGKILL);
+            Wait(5s);
+        }
+    }
+    // The exit status, or -1 when the process has not ended in time.
+    int Wait(std::chrono::milliseconds limit) {
+        auto deadline = std::chrono::steady_clock::now() + limit;
+        while (std::chrono::steady_clock::now() < deadline) {
+            int status = 0;
+            if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_ended = true;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            }
+            std::this_thread::sleep_for(10ms);
+        }
+        return -1;
+    }
+    void Signal(int number) { ::kill(m_pid, number); }
+
+  private:
+    pid_t m_pid = -1;
+    bool m_ended = false;
+};
+
+bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(20ms);
+    }
+    return condition();
+}
+
+class DriverEndToEndTest : public ::testing::TestWithParam<platform::Family> {
+  protected:
+    DriverEndToEndTest() : m_platform(GetParam()) {
+        ResetDriverErrors();
+        ResetDriverLink();
+    }
+    ~DriverEndToEndTest() override {
+        ResetDriverLink();
+        ResetDriverErrors();
+    }
+
+    std::unique_ptr<Process> StartDriver(std::vector<std::string> extra = {}) {
+        std::vector<std::string> argv = {QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(),
+                                         "--foreground"};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        auto process = std::make_unique<Process>(argv, std::vector<std::string>{},
+                                                 m_platform.DataRoot() + "/driver.err");
+        EXPECT_TRUE(WaitFor([] { return std::filesystem::exists(platform::DeviceSocketPath()); }));
+        return process;
+    }
+    std::string Control(const std::string& command) {
+        std::string answer;
+        refdriver::SendControlCommand(m_platform.DataRoot(), command, &answer);
+        return answer;
+    }
+
+    test::TempPlatform m_platform;
+    test::ScriptedMessages m_messages;
+};
+
+TEST_P(DriverEndToEndTest, EveryRequestReachesTheReferenceDriver) {
+    auto driver = StartDriver();
+    ASSERT_EQ(OpenDriverDevice(1), 0) << DriverErrorText();
+    EXPECT_EQ(CheckDriverVersion(g_hDriver), 0);
+
+    ZoneRecord web{};
+    SetFieldText(web.name, "Web");
+    web.rules[0].enabled = 1;
+    SetFieldText(web.rules[0].name, "http");
+    web.rules[0].remotePort = 80;
+    web.result = 1;
+    EXPECT_EQ(SetDefaultZone(g_hDriver, web), 0);
+    EXPECT_EQ(SetOverrideZone(g_hDriver, ZoneRecord{}), 0);
+
+    AppRecord known{};
+    SetFieldText(known.imageName, "known.exe");
+    SetFieldText(known.path, "C:\\known.exe");
+    known.zone = web;
+    EXPECT_EQ(SetAppRecord(g_hDriver, known), 0);
+    AppRecord fetched{};
+    SetFieldText(fetched.imageName, "known.exe");
+    EXPECT_EQ(GetAppRecord(g_hDriver, &fetched), 1);
+    EXPECT_EQ(FieldText(fetched.path), "C:\\known.exe");
+    std::vector<char> list(kAppListBufferSize);
+    EXPECT_EQ(ListAppRecords(g_hDriver, list.data(), kAppListBufferSize), 1);
+
+    // An unknown program connects: one question, and after the answer its decision and bytes.
+    EXPECT_EQ(Control("connect new.exe tcp out 10.1.2.3:80 500"),
+              "ok held until the program is known");
+    EXPECT_EQ(Control("connect new.exe tcp out 10.1.2.3:80 200"),
+              "ok held until the program is known");
+    AppRecord question{};
+    ASSERT_EQ(TakePendingQuestion(g_hDriver, &question), 1);
+    EXPECT_EQ(FieldText(question.imageName), "new.exe");
+    EXPECT_EQ(question.zone.rules[0].address, 0x0A010203u);
+    AppRecord none{};
+    EXPECT_EQ(TakePendingQuestion(g_hDriver, &none), 0);
+    std::vector<char> events(kActivityBufferSize);
+    EXPECT_EQ(ReadActivityEvents(g_hDriver, events.data(), kActivityBufferSize), 0);
+
+    question.zone = web;
+    question.zone.rules[0].result = 0;
+    EXPECT_EQ(AnswerPendingQuestion(g_hDriver, question), 0);
+    ASSERT_EQ(ReadActivityEvents(g_hDriver, events.data(), kActivityBufferSize), 2);
+    ActivityRecord first{};
+    std::memcpy(&first, events.data(), sizeof(first));
+    EXPECT_EQ(first.connection.result, 0u);
+    EXPECT_EQ(FieldText(first.connection.name), "http");
+    std::uint64_t c[4] = {};
+    ASSERT_EQ(GetAppCounters(g_hDriver, "new.exe", &c[0], &c[1], &c[2], &c[3]), 0);
+    EXPECT_EQ(c[1], 700u);
+    std::uint32_t zeros[8] = {};
+    EXPECT_EQ(SetAppCounters(g_hDriver, "new.exe", zeros), 0);
+    ASSERT_EQ(GetAppCounters(g_hDriver, "new.exe", &c[0], &c[1], &c[2], &c[3]), 0);
+    EXPECT_EQ(c[1], 0u);
+
+    EXPECT_EQ(DeleteAppRecord(g_hDriver, "known.exe"), 0);
+    EXPECT_EQ(ListAppRecords(g_hDriver, list.data(), kAppListBufferSize), 1);
+    EXPECT_EQ(SetFilteringState(g_hDriver, 0), 0);
+    EXPECT_EQ(Control("status").rfind("ok filtering 0 apps 1 ", 0), 0u);
+    CloseDriverDevice();
+    EXPECT_TRUE(DriverErrorText().empty()) << DriverErrorText();
+}
+
+TEST_P(DriverEndToEndTest, ADriverThatDiesFailsRequestsWithoutHanging) {
+    auto driver = StartDriver();
+    ASSERT_EQ(OpenDriverDevice(1), 0);
+    driver->Signal(SIGKILL);
+    driver->Wait(5s);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(CheckDriverVersion(g_hDriver), 1);
+    EXPECT_EQ(SetFilteringState(g_hDriver, 0), 1);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, DriverEndToEndTest,
+                         ::testing::Values(platform::Family::Nt, platform::Family::Win9x),
+                         [](const auto& info) {
+                             return info.param == platform::Family::Nt ? "Nt" : "Win9x";
+                         });
+
+TEST(DriverLoad9xTest, ATemporaryOpenLoadsTheDriverForTheLifeOfTheHandle) {
+    test::TempPlatform platform(platform::Family::Win9x);
+    test::ScriptedMessages messages;
+    ResetDriverErrors();
+    std::filesystem::create_symlink(QBRIX_DRIVER_BINARY,
+                                    platform.ProgramDirectory() + "q-Brix.VXD");
+    std::string before = platform::GetCurrentDirectory();
+    ASSERT_EQ(OpenDriverDevice(0), 0) << DriverErrorText();
+    EXPECT_EQ(platform::GetCurrentDirectory(), before);
+    EXPECT_EQ(CheckDriverVersion(g_hDriver), 0);
+    EXPECT_TRUE(std::filesystem::exists(platform::DeviceSocketPath()));
+    CloseDriverDevice();
+    EXPECT_FALSE(std::filesystem::exists(platform::DeviceSocketPath()));
+    ResetDriverErrors();
+}
+
+// The control program itself, started as a person would start it.
+class ControlProgramTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "the control program needs an administrator (root)";
+        }
+    }
+    std::unique_ptr<Process> Run(const std::string& command) {
+        std::vector<std::string> argv = {QBRIX_BINARY};
+        if (!command.empty()) {
+            argv.push_back(command);
+        }
+        return std::make_unique<Process>(
+            argv, std::vector<std::string>{"QBRIX_ROOT=" + m_platform.DataRoot()}, ErrorFile());
+    }
+    std::string ErrorFile() const { return m_platform.DataRoot() + "/q-brix.err"; }
+    std::string Errors() const { return test::ReadFile(ErrorFile()); }
+    bool ServiceExists() {
+        platform::SC_HANDLE manager =
+            platform::OpenSCManager(nullptr, nullptr, platform::SC_MANAGER_CONNECT);
+        platform::SC_HANDLE service =
+            platform::OpenService(manager, "q-Brix", platform::SERVICE_QUERY_CONFIG);
+        bool exists = service != nullptr;
+        platform::CloseServiceHandle(service);
+        platform::CloseServiceHandle(manager);
+        return exists;
+    }
+    std::string Status() {
+        std::string answer;
+        refdriver::SendControlCommand(m_platform.DataRoot(), "status", &answer);
+        return answer;
+    }
+
+    test::TempPlatform m_platform;
+};
+
+TEST_F(ControlProgramTest, TemporaryRunStartsTheDriverServiceAndRemovesItAtExit) {
+    auto program = Run("T");
+    ASSERT_TRUE(WaitFor([this] { return Status().rfind("ok filtering 1", 0) == 0; })) << Errors();
+    EXPECT_TRUE(ServiceExists());
+    // Past the version check the program keeps running with no message.
+    std::this_thread::sleep_for(500ms);
+    EXPECT_EQ(program->Wait(0ms), -1) << Errors();
+    program->Signal(SIGTERM);
+    EXPECT_EQ(program->Wait(10s), 0);
+    EXPECT_FALSE(ServiceExists());
+    EXPECT_FALSE(std::filesystem::exists(platform::DeviceSocketPath()));
+    EXPECT_EQ(Errors(), "");
+}
+
+TEST_F(ControlProgramTest, NormalRunSwitchesFilteringOffAtExit) {
+    Process driver({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(), "--foreground"}, {},
+                   m_platform.DataRoot() + "/driver.err");
+    ASSERT_TRUE(WaitFor([this] { return Status().rfind("ok filtering 1", 0) == 0; }));
+    auto program = Run("");
+    std::this_thread::sleep_for(700ms);
+    EXPECT_EQ(program->Wait(0ms), -1) << Errors();
+    program->Signal(SIGTERM);
+    EXPECT_EQ(program->Wait(10s), 0);
+    EXPECT_EQ(Status().rfind("ok filtering 0", 0), 0u);
+    EXPECT_EQ(Errors(), "");
+}
+
+TEST_F(ControlProgramTest, AnotherVersionIsNotAValidDriverAndIsShownTwice) {
+    Process driver({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(), "--foreground",
+                    "--version-text", "\\3.1"},
+                   {}, m_platform.DataRoot() + "/driver.err");
+    ASSERT_TRUE(WaitFor([this] { return Status().rfind("ok", 0) == 0; }));
+    auto program = Run("");
+    EXPECT_EQ(program->Wait(10s), 0);
+    std::string errors = Errors();
+    std::size_t first = errors.find("error:valid driver not found");
+    ASSERT_NE(first, std::string::npos) << errors;
+    EXPECT_NE(errors.find("error:valid driver not found", first + 1), std::string::npos) << errors;
+}
+
+TEST_F(ControlProgramTest, NoDriverShowsTheOpenError) {
+    auto program = Run("");
+    EXPECT_EQ(program->Wait(10s), 0);
+    EXPECT_NE(Errors().find("open handle:The system cannot find the file specified."),
+              std::string::npos)
+        << Errors();
+}
+
+}  // namespace
+}  // namespace qbrix::driver
