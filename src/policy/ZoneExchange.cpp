@@ -72,7 +72,8 @@ void ExportZone(const ZoneRecord& zone, const std::string& path) {
         AppendTextElement(element, "DIRECTION", std::to_string(rule.direction));
         AppendTextElement(element, "RESULT", std::to_string(rule.result));
     }
-    document.save_file(path.c_str(), "", pugi::format_raw, pugi::encoding_utf8);
+    document.save_file(path.c_str(), "", pugi::format_raw | pugi::format_no_declaration,
+                       pugi::encoding_utf8);
 }
 
 int ImportZone(ZoneRecord& zone, const std::string& path) {
