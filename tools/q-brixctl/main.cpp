@@ -1,11 +1,13 @@
 // q-brixctl: the administrator's and the tests' window into the program's state on a data root.
 //   q-brixctl [--root DIR] catalog          list the socket-provider catalog
 //   q-brixctl [--root DIR] catalog reset    restore the seeded base catalog
+//   q-brixctl [--root DIR] zone ...         the zone store (see ZoneCommand.h)
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "CatalogCommand.h"
+#include "ZoneCommand.h"
 #include "platform/posix/PosixPlatform.h"
 
 namespace {
@@ -14,7 +16,8 @@ int Usage(const std::string& problem) {
     if (!problem.empty()) {
         std::cerr << "q-brixctl: " << problem << "\n";
     }
-    std::cerr << "usage: q-brixctl [--root DIR] catalog [reset]\n";
+    std::cerr << "usage: q-brixctl [--root DIR] catalog [reset]\n"
+              << "       q-brixctl [--root DIR] zone list|dump|export|import|delete|lan ...\n";
     return 2;
 }
 
@@ -39,6 +42,9 @@ int main(int argc, char** argv) {
     args.erase(args.begin());
     if (command == "catalog") {
         return tools::RunCatalogCommand(args, std::cout, std::cerr);
+    }
+    if (command == "zone") {
+        return tools::RunZoneCommand(args, std::cout, std::cerr);
     }
     return Usage("unknown command '" + command + "'");
 }
