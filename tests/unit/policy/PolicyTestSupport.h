@@ -16,6 +16,7 @@
 #include "policy/ZoneEditor.h"
 #include "policy/ZoneList.h"
 #include "policy/ZoneRules.h"
+#include "policy/ZoneStore.h"
 #include "support/FakeDriverPeer.h"
 #include "support/TempPlatform.h"
 
@@ -31,6 +32,7 @@ class CleanPolicyState {
     static void Reset() {
         g_zones.Clear();
         g_newRuleCounter = 0;
+        g_newZoneCounter = 0;
         driver::ResetDriverLink();
     }
 };
