@@ -220,11 +220,10 @@ std::optional<VersionNode> ParseNode(const std::uint8_t* block, std::size_t at, 
         }
         node.key.push_back(unit);
     }
-    node.valueAt = Align4(cursor);
+    // A key that runs up to the node's end leaves no room for a value.
+    node.valueAt = std::min(Align4(cursor), node.end);
     node.valueBytes = node.isText ? std::size_t{node.valueLength} * 2 : node.valueLength;
-    if (node.valueAt + node.valueBytes > node.end) {
-        node.valueBytes = node.valueAt > node.end ? 0 : node.end - node.valueAt;
-    }
+    node.valueBytes = std::min(node.valueBytes, node.end - node.valueAt);
     node.childrenAt = Align4(node.valueAt + node.valueBytes);
     return node;
 }

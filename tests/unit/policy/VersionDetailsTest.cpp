@@ -183,6 +183,12 @@ TEST_F(VersionDetailsTest, DamagedFilesFailWithoutReadingOutOfBounds) {
     std::string badLength = good;
     Put16(badLength, 0x258, 0xFFFF);  // the version tree claims more than the resource holds
     EXPECT_EQ(GetVersionDetails(Write("len.exe", badLength), description, details, true), 1);
+    // Any single damaged byte of the resource section gives some outcome, never a bad read.
+    for (std::size_t at = 0x200; at < good.size(); at += 3) {
+        std::string damaged = good;
+        damaged[at] = static_cast<char>(damaged[at] ^ 0xA5);
+        GetVersionDetails(Write("bit.exe", damaged), description, details, true);
+    }
     std::string badEntry = good;
     Put32(badEntry, 0x200 + 20, 0x8FFFFFF0);  // a directory far outside the section
     EXPECT_EQ(GetVersionDetails(Write("dir.exe", badEntry), description, details, true), 1);
