@@ -126,10 +126,10 @@ int GetAppCounters(HANDLE driver, const char* imageName, std::uint64_t* counter1
         bytes != sizeof(AppRecord)) {
         return 1;
     }
-    *counter1 = record.counters[0];
-    *counter2 = record.counters[1];
-    *counter3 = record.counters[2];
-    *counter4 = record.counters[3];
+    *counter1 = record.counters[0].Value();
+    *counter2 = record.counters[1].Value();
+    *counter3 = record.counters[2].Value();
+    *counter4 = record.counters[3].Value();
     return 0;
 }
 

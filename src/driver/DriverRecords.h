@@ -34,18 +34,27 @@ struct ZoneRecord {
     std::uint32_t result;  // for traffic that no enabled rule matches
 };
 
-// The counters sit at offset 540, which is not a multiple of 8: the record is packed to 4 bytes
-// as the driver lays it out.
-#pragma pack(push, 4)
+// An unsigned 64-bit counter, low word first. Kept as two words because the counters of an
+// AppRecord sit at offset 540, which a naturally aligned 64-bit field cannot.
+struct Counter64 {
+    std::uint32_t low;
+    std::uint32_t high;
+
+    std::uint64_t Value() const { return (static_cast<std::uint64_t>(high) << 32) | low; }
+    void Set(std::uint64_t value) {
+        low = static_cast<std::uint32_t>(value);
+        high = static_cast<std::uint32_t>(value >> 32);
+    }
+};
+
 struct AppRecord {
     std::uint32_t reserved;  // written as 0, never read
     char imageName[16];      // the key by which the driver identifies the application
     char path[260];
     char description[260];
-    std::uint64_t counters[4];  // bytes: TCP in, TCP out, UDP in, UDP out
+    Counter64 counters[4];  // bytes: TCP in, TCP out, UDP in, UDP out
     ZoneRecord zone;
 };
-#pragma pack(pop)
 
 struct ActivityRecord {
     // NT family: a file time. 9x family: milliseconds in the low 16 bits of the low word, the
@@ -75,6 +84,7 @@ static_assert(offsetof(ZoneRecord, name) == 0);
 static_assert(offsetof(ZoneRecord, rules) == 260);
 static_assert(offsetof(ZoneRecord, result) == 700);
 
+static_assert(sizeof(Counter64) == 8 && alignof(Counter64) == 4);
 static_assert(std::is_standard_layout_v<AppRecord> && std::is_trivially_copyable_v<AppRecord>);
 static_assert(sizeof(AppRecord) == 1276);
 static_assert(offsetof(AppRecord, reserved) == 0);

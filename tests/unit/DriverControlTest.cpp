@@ -153,8 +153,8 @@ TEST_F(DriverControlTest, RecordSetsNeedExactly1276BytesReported) {
     AppRecord sent{};
     std::memcpy(&sent, requests[3].input.data(), sizeof(sent));
     EXPECT_EQ(FieldText(sent.imageName), "a.exe");
-    EXPECT_EQ(sent.counters[0], 0x0000000200000001ull);
-    EXPECT_EQ(sent.counters[3], 0x0000000800000007ull);
+    EXPECT_EQ(sent.counters[0].Value(), 0x0000000200000001ull);
+    EXPECT_EQ(sent.counters[3].Value(), 0x0000000800000007ull);
 }
 
 TEST_F(DriverControlTest, RecordSetsSucceedWith1276Bytes) {
@@ -184,10 +184,10 @@ TEST_F(DriverControlTest, FilteringStateSendsFourBytes) {
 
 TEST_F(DriverControlTest, CountersComeOnlyFromAWholeRecord) {
     AppRecord answer{};
-    answer.counters[0] = 10;
-    answer.counters[1] = 20;
-    answer.counters[2] = 30;
-    answer.counters[3] = 0x100000000ull;
+    answer.counters[0].Set(10);
+    answer.counters[1].Set(20);
+    answer.counters[2].Set(30);
+    answer.counters[3].Set(0x100000000ull);
     std::string bytes(reinterpret_cast<char*>(&answer), sizeof(answer));
     Serve(FakeDriverPeer::Reply(true, 0, 1276, bytes));
     std::uint64_t c[4] = {};

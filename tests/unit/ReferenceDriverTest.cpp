@@ -162,8 +162,8 @@ TEST_F(ReferenceDriverTest, AnUnknownProgramIsHeldAndAskedAboutOnce) {
     EXPECT_EQ(driver::FieldText(activity[1].connection.name), "WebOnly");
     // Only the approved bytes count, as TCP out.
     AppRecord known = Fetch("browser.exe");
-    EXPECT_EQ(known.counters[0], 0u);
-    EXPECT_EQ(known.counters[1], 1000u);
+    EXPECT_EQ(known.counters[0].Value(), 0u);
+    EXPECT_EQ(known.counters[1].Value(), 1000u);
 }
 
 TEST_F(ReferenceDriverTest, KnownProgramsAreDecidedAtOnceAndCounted) {
@@ -177,7 +177,7 @@ TEST_F(ReferenceDriverTest, KnownProgramsAreDecidedAtOnceAndCounted) {
     Reply counters = Call(driver::IOCTL_GET_APP_COUNTERS, Bytes(request), 1276);
     AppRecord record = Record<AppRecord>(counters.output);
     for (int i = 0; i < 4; ++i) {
-        c[i] = record.counters[i];
+        c[i] = record.counters[i].Value();
     }
     EXPECT_EQ(c[0], 30u);
     EXPECT_EQ(c[1], 0u);
@@ -185,9 +185,9 @@ TEST_F(ReferenceDriverTest, KnownProgramsAreDecidedAtOnceAndCounted) {
     EXPECT_EQ(c[3], 200u);
     // A new record from the program keeps the driver's counters; the counter request sets them.
     Call(driver::IOCTL_SET_APP_RECORD, Bytes(App("chat.exe", WebOnly())));
-    EXPECT_EQ(Fetch("chat.exe").counters[2], 300u);
+    EXPECT_EQ(Fetch("chat.exe").counters[2].Value(), 300u);
     Call(driver::IOCTL_SET_APP_COUNTERS, Bytes(request));
-    EXPECT_EQ(Fetch("chat.exe").counters[2], 0u);
+    EXPECT_EQ(Fetch("chat.exe").counters[2].Value(), 0u);
 }
 
 TEST_F(ReferenceDriverTest, OverrideZoneComesFirstUntilClearedWithZeros) {

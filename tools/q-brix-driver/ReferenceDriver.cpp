@@ -156,7 +156,7 @@ std::string ReferenceDriver::Decide(const Connection& connection, AppRecord* app
     // Only approved traffic moves bytes.
     if (result == 0 && app != nullptr) {
         int counter = (connection.protocol == 2 ? 2 : 0) + (connection.direction == 2 ? 1 : 0);
-        app->counters[counter] += connection.bytes;
+        app->counters[counter].Set(app->counters[counter].Value() + connection.bytes);
     }
     return std::string(result == 0 ? "approved" : "rejected") + " by " + decidedBy;
 }

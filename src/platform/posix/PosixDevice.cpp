@@ -202,7 +202,7 @@ HANDLE CreateFile(std::string_view name, DWORD, DWORD, void*, DWORD disposition,
         }
         DWORD error = 0;
         loaded = LaunchDriverProcess(JoinPath(GetCurrentDirectory(), k9xDriverFile),
-                                     Current().Info().dataRoot, DeviceReplyTimeoutMs(), &error);
+                                     Current().Info().dataRoot, kDriverStartTimeoutMs, &error);
         if (loaded < 0) {
             return Fail(error == ERROR_FILE_NOT_FOUND ? ERROR_FILE_NOT_FOUND : ERROR_GEN_FAILURE);
         }

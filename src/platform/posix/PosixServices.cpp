@@ -346,7 +346,7 @@ BOOL StartService(SC_HANDLE handle, DWORD, const char**) {
     }
     DWORD error = 0;
     pid_t pid = LaunchDriverProcess(ImageFile(key.Text("ImagePath")), Current().Info().dataRoot,
-                                    DeviceReplyTimeoutMs(), &error);
+                                    kDriverStartTimeoutMs, &error);
     if (pid < 0) {
         return Fail(error);
     }
