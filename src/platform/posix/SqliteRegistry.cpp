@@ -593,7 +593,9 @@ LONG SqliteRegistry::EnumKeyEx(HKEY key, DWORD index, char* name, DWORD* nameSiz
     if (text.size() + 1 > *nameSize) {
         return ERROR_MORE_DATA;
     }
-    std::memcpy(name, text.data(), text.size());
+    if (!text.empty()) {  // the unnamed value has no bytes to copy (and SQLite gives no pointer)
+        std::memcpy(name, text.data(), text.size());
+    }
     name[text.size()] = '\0';
     *nameSize = static_cast<DWORD>(text.size());
     return ERROR_SUCCESS;
@@ -623,7 +625,9 @@ LONG SqliteRegistry::EnumValue(HKEY key, DWORD index, char* name, DWORD* nameSiz
     if (text.size() + 1 > *nameSize) {
         return ERROR_MORE_DATA;
     }
-    std::memcpy(name, text.data(), text.size());
+    if (!text.empty()) {  // the unnamed value has no bytes to copy (and SQLite gives no pointer)
+        std::memcpy(name, text.data(), text.size());
+    }
     name[text.size()] = '\0';
     *nameSize = static_cast<DWORD>(text.size());
     if (type != nullptr) {
