@@ -150,6 +150,15 @@ TEST_F(RegistryStoreTest, TypesAndRawBytesAreKeptExactly) {
         EXPECT_EQ(e.type, type) << e.name;
         EXPECT_EQ(e.bytes, std::vector<BYTE>(data, data + size)) << e.name;
     }
+    // The unnamed value enumerates with an empty name and no bytes.
+    char name[8] = "x";
+    DWORD nameSize = sizeof(name);
+    BYTE data[8];
+    DWORD size = sizeof(data);
+    ASSERT_EQ(0, Reg().EnumValue(key, 3, name, &nameSize, nullptr, data, &size));
+    EXPECT_EQ(0u, nameSize);
+    EXPECT_STREQ("", name);
+    EXPECT_EQ(0u, size);
     Reg().CloseKey(key);
 }
 

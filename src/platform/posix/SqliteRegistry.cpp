@@ -51,7 +51,10 @@ LONG FromSqlite(int rc) {
 std::string_view ColumnBytes(sqlite3_stmt* stmt, int column) {
     const void* bytes = sqlite3_column_blob(stmt, column);
     int size = sqlite3_column_bytes(stmt, column);
-    return bytes == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(bytes), size);
+    // An empty blob comes back as a null pointer; callers copy from data() (the unnamed value's
+    // empty name), and a null source is not allowed even for zero bytes.
+    return bytes == nullptr ? std::string_view("", 0)
+                            : std::string_view(static_cast<const char*>(bytes), size);
 }
 
 // Splits a backslash-separated key path. A single trailing backslash is allowed; a leading one
