@@ -596,9 +596,7 @@ LONG SqliteRegistry::EnumKeyEx(HKEY key, DWORD index, char* name, DWORD* nameSiz
     if (text.size() + 1 > *nameSize) {
         return ERROR_MORE_DATA;
     }
-    if (!text.empty()) {  // the unnamed value has no bytes to copy (and SQLite gives no pointer)
-        std::memcpy(name, text.data(), text.size());
-    }
+    std::memcpy(name, text.data(), text.size());
     name[text.size()] = '\0';
     *nameSize = static_cast<DWORD>(text.size());
     return ERROR_SUCCESS;
@@ -628,9 +626,7 @@ LONG SqliteRegistry::EnumValue(HKEY key, DWORD index, char* name, DWORD* nameSiz
     if (text.size() + 1 > *nameSize) {
         return ERROR_MORE_DATA;
     }
-    if (!text.empty()) {  // the unnamed value has no bytes to copy (and SQLite gives no pointer)
-        std::memcpy(name, text.data(), text.size());
-    }
+    std::memcpy(name, text.data(), text.size());
     name[text.size()] = '\0';
     *nameSize = static_cast<DWORD>(text.size());
     if (type != nullptr) {
