@@ -1,5 +1,5 @@
 // q-brixctl zone run as a process on a fresh data root: every preset exported and imported
-// back over itself dumps the same 704 bytes, and failures end with status 1 and a message.
+// back over itself dumps the same 704 bytes.
 #include <gtest/gtest.h>
 
 #include "support/Process.h"
@@ -33,18 +33,6 @@ TEST_F(CtlZoneE2eTest, EveryPresetSurvivesExportAndImportOverwrite) {
         ASSERT_EQ(Ctl({"zone", "import", file, "--overwrite"}).exitCode, 0);
         EXPECT_EQ(Ctl({"zone", "dump", preset}).out, before.out) << preset;
     }
-}
-
-TEST_F(CtlZoneE2eTest, RefusalsExitWithOneAndSayWhy) {
-    test::ProcessResult missing = Ctl({"zone", "import", m_dir.File("missing.xml")});
-    EXPECT_EQ(missing.exitCode, 1);
-    EXPECT_NE(missing.err.find("holds no zone"), std::string::npos);
-    std::string file = m_dir.File("zone.xml");
-    ASSERT_EQ(Ctl({"zone", "export", "DisableAll", file}).exitCode, 0);
-    test::ProcessResult exists = Ctl({"zone", "import", file});
-    EXPECT_EQ(exists.exitCode, 1);
-    EXPECT_NE(exists.err.find("--overwrite"), std::string::npos);
-    EXPECT_EQ(Ctl({"zone", "frobnicate"}).exitCode, 2);
 }
 
 }  // namespace
