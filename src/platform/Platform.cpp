@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <map>
 
-#include "platform/Processes.h"
 #include "platform/Security.h"
 
 namespace qbrix::platform {
@@ -21,7 +20,6 @@ thread_local DWORD t_lastError = 0;
 Platform::Platform(SystemInfo info, std::unique_ptr<Registry> registry)
     : m_info(std::move(info)), m_registry(std::move(registry)) {
     RegisterSystemModules(m_libraries);
-    RegisterProcessModules(m_libraries);
 }
 
 Platform::~Platform() = default;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Files.h"
+#include "platform/PathNames.h"
 #include "platform/Platform.h"
 #include "platform/Text.h"
 #include "platform/Utf16.h"

@@ -3,8 +3,8 @@
 #include <cstring>
 
 #include "core/DiagLog.h"
-#include "platform/Files.h"
 #include "platform/Kernel.h"
+#include "platform/PathNames.h"
 #include "platform/Platform.h"
 #include "platform/Processes.h"
 #include "platform/Text.h"

@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/Files.h"
 #include "platform/Kernel.h"
+#include "platform/PathNames.h"
 #include "platform/Platform.h"
 #include "platform/Processes.h"
 #include "platform/Text.h"

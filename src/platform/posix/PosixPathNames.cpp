@@ -1,7 +1,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
-#include "platform/Files.h"
+#include "platform/PathNames.h"
 #include "platform/Text.h"
 
 namespace qbrix::platform {
