@@ -3,6 +3,7 @@
 #include "driver/DriverControl.h"
 #include "driver/DriverErrors.h"
 #include "driver/DriverService.h"
+#include "policy/ZoneStore.h"
 #include "provider_install/ProviderInstaller.h"
 
 namespace qbrix::app {
@@ -22,7 +23,7 @@ void AppLinks::SetFilteringState(int state) {
 }
 void AppLinks::CloseDriverDevice() { driver::CloseDriverDevice(); }
 void AppLinks::ShowDriverErrors() { driver::ShowDriverErrors(); }
-void AppLinks::LoadZoneList() {}
+void AppLinks::LoadZoneList() { policy::LoadZones(); }
 
 void AppLinks::InitFramework() { m_shell.Init(); }
 void AppLinks::ExitFramework() { m_shell.Exit(); }

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/Platform.h"
+#include "platform/Processes.h"
 
 namespace qbrix::platform {
 
@@ -55,6 +56,7 @@ void RegisterSystemModules(Libraries& libraries) {
     libraries.RegisterBuiltin(
         "ADVAPI32.DLL",
         {{"CheckTokenMembership", reinterpret_cast<void*>(&CheckTokenMembership)}});
+    RegisterProcessModules(libraries);
 }
 
 }  // namespace qbrix::platform

@@ -37,7 +37,8 @@ struct UserIdentity;
 // group), as CheckTokenMembership answers.
 bool IsLinuxAdministrator(const UserIdentity& user);
 
-// Registers the built-in system modules (ADVAPI32.DLL) with a platform's libraries.
+// Registers the built-in system modules (ADVAPI32.DLL, and the process listing's PSAPI.DLL and
+// KERNEL32.DLL) with a platform's libraries.
 void RegisterSystemModules(Libraries& libraries);
 
 }  // namespace qbrix::platform

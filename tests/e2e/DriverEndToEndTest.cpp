@@ -242,6 +242,16 @@ class ControlProgramTest : public ::testing::Test {
     }
     std::string ErrorFile() const { return m_platform.DataRoot() + "/q-brix.err"; }
     std::string Errors() const { return test::ReadFile(ErrorFile()); }
+    // What the program printed besides the first-run question of an empty zone store, which
+    // every fresh data root with a configured address asks (and answers without a terminal).
+    std::string ErrorsBesidesFirstRun() const {
+        std::string errors = Errors();
+        const std::string wizard = "[q-Brix] Run Zone Wizard to configure Trusted Zone?\n";
+        if (std::size_t at = errors.find(wizard); at != std::string::npos) {
+            errors.erase(at, wizard.size());
+        }
+        return errors;
+    }
     bool ServiceExists() {
         platform::SC_HANDLE manager =
             platform::OpenSCManager(nullptr, nullptr, platform::SC_MANAGER_CONNECT);
@@ -272,7 +282,7 @@ TEST_F(ControlProgramTest, TemporaryRunStartsTheDriverServiceAndRemovesItAtExit)
     EXPECT_EQ(program->Wait(10s), 0);
     EXPECT_FALSE(ServiceExists());
     EXPECT_FALSE(std::filesystem::exists(platform::DeviceSocketPath()));
-    EXPECT_EQ(Errors(), "");
+    EXPECT_EQ(ErrorsBesidesFirstRun(), "");
 }
 
 TEST_F(ControlProgramTest, NormalRunSwitchesFilteringOffAtExit) {
@@ -285,7 +295,7 @@ TEST_F(ControlProgramTest, NormalRunSwitchesFilteringOffAtExit) {
     program->Signal(SIGTERM);
     EXPECT_EQ(program->Wait(10s), 0);
     EXPECT_EQ(Status().rfind("ok filtering 0", 0), 0u);
-    EXPECT_EQ(Errors(), "");
+    EXPECT_EQ(ErrorsBesidesFirstRun(), "");
 }
 
 TEST_F(ControlProgramTest, AnotherVersionIsNotAValidDriverAndIsShownTwice) {

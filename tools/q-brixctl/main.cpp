@@ -5,6 +5,7 @@
 //   q-brixctl [--root DIR] av test [--engine NAME]        run the antivirus self-test
 //   q-brixctl [--root DIR] rule|unit|options ...           content rules and protocol options
 //                                                          (see ContentCommand.h)
+//   q-brixctl [--root DIR] zone ...         the zone store (see ZoneCommand.h)
 #include <iostream>
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "AvCommand.h"
 #include "CatalogCommand.h"
 #include "ContentCommand.h"
+#include "ZoneCommand.h"
 #include "platform/posix/PosixPlatform.h"
 
 namespace {
@@ -24,7 +26,8 @@ int Usage(const std::string& problem) {
                  "       q-brixctl [--root DIR] av (scan FILE | test) [--engine NAME]\n"
                  "       q-brixctl [--root DIR] rule (list | export | import | delete | test) ...\n"
                  "       q-brixctl [--root DIR] unit test --find P ... INPUT\n"
-                 "       q-brixctl [--root DIR] options (show | set SWITCH VALUE) ...\n";
+                 "       q-brixctl [--root DIR] options (show | set SWITCH VALUE) ...\n"
+                 "       q-brixctl [--root DIR] zone list|dump|export|import|delete|lan ...\n";
     return 2;
 }
 
@@ -61,6 +64,9 @@ int main(int argc, char** argv) {
     }
     if (command == "options") {
         return tools::RunOptionsCommand(args, std::cout, std::cerr);
+    }
+    if (command == "zone") {
+        return tools::RunZoneCommand(args, std::cout, std::cerr);
     }
     return Usage("unknown command '" + command + "'");
 }
