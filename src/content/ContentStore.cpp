@@ -6,6 +6,7 @@
 
 #include "core/RegistryKey.h"
 #include "core/RegistryPaths.h"
+#include "platform/Registry.h"
 
 namespace qbrix::content {
 
@@ -89,6 +90,8 @@ void LoadContentRules(std::string_view rulesKey, RuleList& list) {
 
 void SaveContentRules(std::string_view rulesKey, const RuleList& list, std::string_view protocolKey,
                       std::string_view rulesSubkey) {
+    // One change of the store: an interrupted save leaves the old rules or the new ones.
+    platform::RegistryTransaction transaction;
     {
         RegistryKey protocol(protocolKey, core::kLspRootPath);
         if (protocol.IsOpen()) {
@@ -115,6 +118,7 @@ void SaveContentRules(std::string_view rulesKey, const RuleList& list, std::stri
         }
         WriteRegRule(base + "\\Replace", rule.replace);
     }
+    transaction.Commit();
 }
 
 }  // namespace qbrix::content

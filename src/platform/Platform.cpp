@@ -34,6 +34,23 @@ std::string Platform::RunDirectory() const {
     return dir;
 }
 
+RegistryTransaction::RegistryTransaction()
+    : m_active(Current().Reg().BeginTransaction() == ERROR_SUCCESS) {}
+
+RegistryTransaction::~RegistryTransaction() {
+    if (m_active) {
+        Current().Reg().EndTransaction(false);
+    }
+}
+
+LONG RegistryTransaction::Commit() {
+    if (!m_active) {
+        return ERROR_SUCCESS;
+    }
+    m_active = false;
+    return Current().Reg().EndTransaction(true);
+}
+
 Platform& Current() {
     Platform* platform = g_current.load();
     if (platform == nullptr) {

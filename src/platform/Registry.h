@@ -53,6 +53,31 @@ public:
     // Number of sub-keys and values and the longest sub-key name, value name and value data.
     virtual LONG QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLength, DWORD* values,
                               DWORD* maxValueNameLength, DWORD* maxValueLength) = 0;
+
+    // Groups the calls that follow on this thread into one change of the store: all of them
+    // reach it or none does, even when the process dies half way. Scopes nest; other threads
+    // wait until the outermost scope ends. A store without transactions accepts and ignores them.
+    virtual LONG BeginTransaction() { return ERROR_SUCCESS; }
+    virtual LONG EndTransaction(bool commit) {
+        (void)commit;
+        return ERROR_SUCCESS;
+    }
+};
+
+// A transaction scope on the installed platform's registry: rolled back unless committed. When
+// it cannot begin (a store locked by another process), the calls inside go through one by one.
+class RegistryTransaction {
+public:
+    RegistryTransaction();
+    ~RegistryTransaction();
+    RegistryTransaction(const RegistryTransaction&) = delete;
+    RegistryTransaction& operator=(const RegistryTransaction&) = delete;
+
+    bool Active() const { return m_active; }
+    LONG Commit();
+
+private:
+    bool m_active = false;
 };
 
 }  // namespace qbrix::platform

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/Registry.h"
+
 #include "core/Messages.h"
 #include "core/RegistryPaths.h"
 #include "driver/DriverControl.h"
@@ -64,17 +66,22 @@ void LoadZones() {
 }
 
 void SaveZones() {
-    core::RegistryKey gui("", core::kGuiRootPath);
-    if (gui.IsOpen()) {
-        platform::Current().Reg().DeleteKey(gui.Handle(), core::kZoneListSuffix + 1);
+    // One change of the store: an interrupted save leaves the old list or the new one.
+    platform::RegistryTransaction transaction;
+    {
+        core::RegistryKey gui("", core::kGuiRootPath);
+        if (gui.IsOpen()) {
+            platform::Current().Reg().DeleteKey(gui.Handle(), core::kZoneListSuffix + 1);
+        }
+        core::RegistryKey key(core::kZoneListSuffix, core::kGuiRootPath);
+        if (!key.IsOpen()) {
+            return;
+        }
+        for (std::size_t i = 0; i < g_zones.Size(); ++i) {
+            StoreZone(key, g_zones.At(i));
+        }
     }
-    core::RegistryKey key(core::kZoneListSuffix, core::kGuiRootPath);
-    if (!key.IsOpen()) {
-        return;
-    }
-    for (std::size_t i = 0; i < g_zones.Size(); ++i) {
-        StoreZone(key, g_zones.At(i));
-    }
+    transaction.Commit();
 }
 
 void ComposeZone(core::RegistryKey& key, const char* zoneName, const ZoneRecord& lanZone,

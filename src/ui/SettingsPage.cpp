@@ -199,11 +199,14 @@ void SettingsPage::SaveLog(const char* suffix, const LogFields& fields, bool pat
 }
 
 void SettingsPage::Save() {
+    platform::RegistryTransaction transaction;
     SaveLog(core::kFwLogSuffix, m_firewall, true);
     SaveLog(core::kLspLogSuffix, m_content, false);
     core::RegistryKey av(core::kAvSuffix, core::kLspRootPath);
     av.SetString(core::kQuarantineValue, m_quarantine->text().toStdString());
     av.SetString(core::kAvNameValue, m_antivirus->currentText().toStdString());
+    av.Close();
+    transaction.Commit();
 }
 
 void SettingsPage::SaveOrDiscard(bool save) {

@@ -2,6 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
 
 #include <cstring>
 #include <fstream>
@@ -9,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/RegistryKey.h"
 #include "platform/posix/PosixPlatform.h"
 #include "platform/posix/SqliteRegistry.h"
 #include "support/TempPlatform.h"
@@ -271,6 +277,98 @@ TEST(RegistryStoreFailureTest, LockedStoreGivesUpAfterItsBusyTimeAndKeepsData) {
     sqlite3_close(holder);
     ASSERT_EQ(0, blocked.OpenKeyEx(HKEY_LOCAL_MACHINE, "Kept", KEY_READ, &key));
     blocked.CloseKey(key);
+}
+
+}  // namespace
+}  // namespace qbrix::platform
+
+namespace qbrix::platform {
+namespace {
+
+class RegistryTransactionTest : public ::testing::Test {
+protected:
+    bool HasValue(const char* path, const char* name) {
+        HKEY key = nullptr;
+        if (Current().Reg().OpenKeyEx(HKEY_LOCAL_MACHINE, path, KEY_READ, &key) != 0) {
+            return false;
+        }
+        LONG rc = Current().Reg().QueryValueEx(key, name, nullptr, nullptr, nullptr);
+        Current().Reg().CloseKey(key);
+        return rc == 0;
+    }
+    void Write(const char* path, const char* name) {
+        HKEY key = nullptr;
+        DWORD disposition = 0;
+        ASSERT_EQ(0, Current().Reg().CreateKeyEx(HKEY_LOCAL_MACHINE, path, 0, KEY_ALL_ACCESS,
+                                                 &key, &disposition));
+        const DWORD one = 1;
+        ASSERT_EQ(0, Current().Reg().SetValueEx(key, name, REG_DWORD,
+                                                reinterpret_cast<const BYTE*>(&one), 4));
+        Current().Reg().CloseKey(key);
+    }
+
+    test::TempPlatform m_platform;
+};
+
+TEST_F(RegistryTransactionTest, ScopesKeepAllOrNothingAndNest) {
+    {
+        RegistryTransaction scope;
+        ASSERT_TRUE(scope.Active());
+        Write("T\\Dropped", "a");
+        Write("T\\Dropped", "b");
+    }
+    EXPECT_FALSE(HasValue("T\\Dropped", "a"));
+    {
+        RegistryTransaction outer;
+        Write("T\\Kept", "outer");
+        {
+            RegistryTransaction inner;
+            Write("T\\Kept", "inner");
+        }
+        EXPECT_FALSE(HasValue("T\\Kept", "inner"));
+        EXPECT_EQ(0, outer.Commit());
+    }
+    EXPECT_TRUE(HasValue("T\\Kept", "outer"));
+    EXPECT_FALSE(HasValue("T\\Kept", "inner"));
+}
+
+TEST_F(RegistryTransactionTest, AnotherThreadWaitsForTheScope) {
+    std::atomic<bool> written{false};
+    std::thread other;
+    {
+        RegistryTransaction scope;
+        other = std::thread([&] {
+            Write("T\\Other", "v");
+            written = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_FALSE(written.load());
+        Write("T\\Mine", "v");
+        scope.Commit();
+    }
+    other.join();
+    EXPECT_TRUE(HasValue("T\\Mine", "v"));
+    EXPECT_TRUE(HasValue("T\\Other", "v"));
+}
+
+// A process killed in the middle of a save leaves the tree it had before.
+TEST_F(RegistryTransactionTest, KilledSaveLeavesTheOldTree) {
+    Write("T\\Tree\\Old", "v");
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ScopedPlatform own(MakePosixPlatform(Current().Info()));
+        RegistryTransaction scope;
+        core::RegistryKey t("", "T");
+        core::RegistryKey::DeleteKeyTree(t.Handle(), "Tree");
+        core::RegistryKey half("\\Tree\\New", "T");
+        half.SetDword("v", 2);
+        ::_exit(9);  // dies before the scope commits
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(HasValue("T\\Tree\\Old", "v"));
+    EXPECT_FALSE(HasValue("T\\Tree\\New", "v"));
 }
 
 }  // namespace

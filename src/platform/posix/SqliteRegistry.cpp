@@ -123,26 +123,31 @@ private:
     sqlite3_stmt* m_stmt;
 };
 
-// BEGIN IMMEDIATE ... COMMIT; rolled back unless committed.
+// One change: BEGIN IMMEDIATE ... COMMIT, or a savepoint inside a caller's transaction scope;
+// rolled back unless committed.
 class SqliteRegistry::Transaction {
 public:
-    explicit Transaction(sqlite3* db) : m_db(db) {
-        m_rc = sqlite3_exec(m_db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+    explicit Transaction(sqlite3* db) : m_db(db), m_nested(sqlite3_get_autocommit(db) == 0) {
+        m_rc = sqlite3_exec(m_db, m_nested ? "SAVEPOINT change" : "BEGIN IMMEDIATE", nullptr,
+                            nullptr, nullptr);
     }
     ~Transaction() {
         if (m_rc == SQLITE_OK && !m_committed) {
-            sqlite3_exec(m_db, "ROLLBACK", nullptr, nullptr, nullptr);
+            sqlite3_exec(m_db, m_nested ? "ROLLBACK TO change; RELEASE change" : "ROLLBACK",
+                         nullptr, nullptr, nullptr);
         }
     }
     LONG Begun() const { return FromSqlite(m_rc); }
     LONG Commit() {
-        int rc = sqlite3_exec(m_db, "COMMIT", nullptr, nullptr, nullptr);
+        int rc = sqlite3_exec(m_db, m_nested ? "RELEASE change" : "COMMIT", nullptr, nullptr,
+                              nullptr);
         m_committed = rc == SQLITE_OK;
         return FromSqlite(rc);
     }
 
 private:
     sqlite3* m_db;
+    bool m_nested;
     int m_rc;
     bool m_committed = false;
 };
@@ -158,6 +163,47 @@ void SqliteRegistry::SetBusyTimeoutMs(int timeoutMs) {
     if (m_db != nullptr) {
         sqlite3_busy_timeout(m_db, timeoutMs);
     }
+}
+
+LONG SqliteRegistry::BeginTransaction() {
+    m_lock.lock();  // held until the matching EndTransaction: other threads wait
+    LONG rc = EnsureOpen();
+    if (rc == ERROR_SUCCESS && m_readOnly) {
+        rc = ERROR_ACCESS_DENIED;
+    }
+    if (rc == ERROR_SUCCESS) {
+        std::string sql = m_transactionDepth == 0
+                              ? std::string("BEGIN IMMEDIATE")
+                              : "SAVEPOINT scope" + std::to_string(m_transactionDepth);
+        rc = FromSqlite(sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, nullptr));
+    }
+    if (rc != ERROR_SUCCESS) {
+        m_lock.unlock();
+        return rc;
+    }
+    ++m_transactionDepth;
+    return ERROR_SUCCESS;
+}
+
+LONG SqliteRegistry::EndTransaction(bool commit) {
+    if (m_transactionDepth == 0) {
+        return ERROR_INVALID_FUNCTION;
+    }
+    --m_transactionDepth;
+    std::string sql;
+    if (m_transactionDepth == 0) {
+        sql = commit ? "COMMIT" : "ROLLBACK";
+    } else {
+        std::string name = "scope" + std::to_string(m_transactionDepth);
+        sql = commit ? "RELEASE " + name : "ROLLBACK TO " + name + "; RELEASE " + name;
+    }
+    int rc = m_db == nullptr ? SQLITE_MISUSE
+                             : sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK && m_transactionDepth == 0 && m_db != nullptr) {
+        sqlite3_exec(m_db, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    m_lock.unlock();
+    return FromSqlite(rc);
 }
 
 void SqliteRegistry::CloseDatabase() {

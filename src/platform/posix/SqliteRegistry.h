@@ -38,6 +38,9 @@ public:
     LONG QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLength, DWORD* values,
                       DWORD* maxValueNameLength, DWORD* maxValueLength) override;
 
+    LONG BeginTransaction() override;
+    LONG EndTransaction(bool commit) override;
+
     // Milliseconds a call waits for another process's write before giving up.
     void SetBusyTimeoutMs(int timeoutMs);
 
@@ -70,6 +73,7 @@ private:
     std::map<const char*, sqlite3_stmt*> m_statements;
     std::map<std::uintptr_t, OpenKey> m_handles;
     std::uintptr_t m_nextHandle = 0x1000;
+    int m_transactionDepth = 0;  // open transaction scopes; m_lock is held while it is above 0
 };
 
 }  // namespace qbrix::platform
