@@ -4,13 +4,16 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 
 #ifdef QBRIX_HAVE_UI
 #include <QApplication>
 #include <QGuiApplication>
+#include <QSessionManager>
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include "app/PanelFactory.h"
 #include "ui/ControlPanel.h"
@@ -33,6 +36,12 @@ sigset_t SessionEndSignals() {
 [[maybe_unused]] bool Set(const char* name) {
     const char* value = std::getenv(name);
     return value != nullptr && *value != '\0';
+}
+
+// Seconds of an unattended smoke run, 0 for a normal run.
+int SmokeSeconds() {
+    const char* value = std::getenv("QBRIX_SMOKE_SECONDS");
+    return value == nullptr ? 0 : std::max(0, std::atoi(value));
 }
 
 }  // namespace
@@ -98,25 +107,52 @@ core::MainWindow* AppShell::CreatePanel() {
 #endif
 }
 
+void AppShell::EndSession() {
+    if (m_sessionEnded) {
+        return;
+    }
+    m_sessionEnded = true;
+    if (m_sessionEnd) {
+        m_sessionEnd();
+    }
+}
+
 void AppShell::Run() {
     sigset_t endSignals = SessionEndSignals();
+    int smokeSeconds = SmokeSeconds();
 #ifdef QBRIX_HAVE_UI
     if (m_state->application != nullptr) {
         int fd = signalfd(-1, &endSignals, SFD_CLOEXEC | SFD_NONBLOCK);
         QSocketNotifier notifier(fd, QSocketNotifier::Read);
-        QObject::connect(&notifier, &QSocketNotifier::activated, [fd] {
+        QObject::connect(&notifier, &QSocketNotifier::activated, [this, fd] {
             signalfd_siginfo info;
             while (::read(fd, &info, sizeof(info)) == sizeof(info)) {
             }
+            EndSession();
             QCoreApplication::quit();
         });
+        // The desktop session is ending: the same shutdown as a signal.
+        QObject::connect(m_state->application.get(), &QGuiApplication::commitDataRequest,
+                         [this] { EndSession(); });
+        if (smokeSeconds > 0 && m_state->panel != nullptr) {
+            QTimer::singleShot(smokeSeconds * 1000, m_state->panel.get(),
+                               [panel = m_state->panel.get()] { panel->ExitCommand(); });
+        }
         QApplication::exec();
         ::close(fd);
         return;
     }
 #endif
+    if (smokeSeconds > 0) {
+        timespec limit{smokeSeconds, 0};
+        if (sigtimedwait(&endSignals, nullptr, &limit) > 0) {
+            EndSession();
+        }
+        return;
+    }
     int received = 0;
     sigwait(&endSignals, &received);
+    EndSession();
 }
 
 void AppShell::Exit() {

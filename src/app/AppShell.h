@@ -3,6 +3,7 @@
 // session ends).
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "core/ControlApp.h"
@@ -21,7 +22,12 @@ public:
     // facade when there is a display.
     void Init();
     core::MainWindow* CreatePanel();
-    // Runs until Exit or the end of the session (SIGTERM, SIGINT, SIGHUP).
+    // Called once when the session ends (SIGTERM, SIGINT, SIGHUP, or the desktop session's
+    // end), before the event loop stops: the shutdown that the session-end notification runs.
+    void SetSessionEndHandler(std::function<void()> handler) { m_sessionEnd = std::move(handler); }
+
+    // Runs until Exit or the end of the session. With QBRIX_SMOKE_SECONDS=N the run ends by
+    // itself after N seconds through the tray's Exit command (answered Yes when nobody can).
     void Run();
     // The framework's exit handling: the panel goes, the application object stays until the
     // shutdown sequence has shown its messages.
@@ -29,8 +35,12 @@ public:
 
 private:
     struct State;
+    void EndSession();
+
     int& m_argc;
     char** m_argv;
+    std::function<void()> m_sessionEnd;
+    bool m_sessionEnded = false;
     std::unique_ptr<State> m_state;
 };
 

@@ -64,6 +64,9 @@ int main(int argc, char** argv) {
     app::AppShell shell(argc, argv);
     app::AppLinks links(shell);
     core::ControlApp application(links, CommandText(argc, argv));
+    // The end of the session shuts the protection down at once, as the session-end notification
+    // does; ExitInstance then runs the shutdown a second time, which only releases and logs.
+    shell.SetSessionEndHandler([&application] { application.ShutdownProtection(); });
     if (application.InitInstance()) {
         shell.Run();
     }
