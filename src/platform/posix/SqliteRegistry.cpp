@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <vector>
 
 #include "platform/Text.h"
@@ -299,6 +300,17 @@ sqlite3_stmt* SqliteRegistry::Prepare(const char* sql) {
     return stmt;
 }
 
+LONG SqliteRegistry::StartChange(std::optional<Transaction>& tx) {
+    if (LONG rc = EnsureOpen(); rc != ERROR_SUCCESS) {
+        return rc;
+    }
+    if (m_readOnly) {
+        return ERROR_ACCESS_DENIED;
+    }
+    tx.emplace(m_db);
+    return tx->Begun();
+}
+
 LONG SqliteRegistry::KeyExists(std::int64_t id) {
     Statement stmt(*this, "SELECT 1 FROM keys WHERE id = ?");
     int rc = stmt.Bind(1, id).Step();
@@ -520,15 +532,9 @@ LONG SqliteRegistry::SetValueEx(HKEY key, std::string_view name, DWORD type, con
     if ((data == nullptr && size != 0) || name.size() > kMaxValueNameLength) {
         return ERROR_INVALID_PARAMETER;
     }
-    if (LONG rc = EnsureOpen(); rc != ERROR_SUCCESS) {
+    std::optional<Transaction> tx;
+    if (LONG rc = StartChange(tx); rc != ERROR_SUCCESS) {
         return rc;
-    }
-    if (m_readOnly) {
-        return ERROR_ACCESS_DENIED;
-    }
-    Transaction tx(m_db);
-    if (tx.Begun() != ERROR_SUCCESS) {
-        return tx.Begun();
     }
     std::int64_t id = 0;
     if (LONG rc = Resolve(key, KEY_SET_VALUE, &id); rc != ERROR_SUCCESS) {
@@ -548,20 +554,14 @@ LONG SqliteRegistry::SetValueEx(HKEY key, std::string_view name, DWORD type, con
     if (rc != SQLITE_DONE) {
         return FromSqlite(rc);
     }
-    return tx.Commit();
+    return tx->Commit();
 }
 
 LONG SqliteRegistry::DeleteValue(HKEY key, std::string_view name) {
     std::lock_guard guard(m_lock);
-    if (LONG rc = EnsureOpen(); rc != ERROR_SUCCESS) {
+    std::optional<Transaction> tx;
+    if (LONG rc = StartChange(tx); rc != ERROR_SUCCESS) {
         return rc;
-    }
-    if (m_readOnly) {
-        return ERROR_ACCESS_DENIED;
-    }
-    Transaction tx(m_db);
-    if (tx.Begun() != ERROR_SUCCESS) {
-        return tx.Begun();
     }
     std::int64_t id = 0;
     if (LONG rc = Resolve(key, KEY_SET_VALUE, &id); rc != ERROR_SUCCESS) {
@@ -575,20 +575,14 @@ LONG SqliteRegistry::DeleteValue(HKEY key, std::string_view name) {
     if (sqlite3_changes(m_db) == 0) {
         return ERROR_FILE_NOT_FOUND;
     }
-    return tx.Commit();
+    return tx->Commit();
 }
 
 LONG SqliteRegistry::DeleteKey(HKEY key, std::string_view subKey) {
     std::lock_guard guard(m_lock);
-    if (LONG rc = EnsureOpen(); rc != ERROR_SUCCESS) {
+    std::optional<Transaction> tx;
+    if (LONG rc = StartChange(tx); rc != ERROR_SUCCESS) {
         return rc;
-    }
-    if (m_readOnly) {
-        return ERROR_ACCESS_DENIED;
-    }
-    Transaction tx(m_db);
-    if (tx.Begun() != ERROR_SUCCESS) {
-        return tx.Begun();
     }
     std::int64_t parent = 0;
     if (LONG rc = Resolve(key, 0, &parent); rc != ERROR_SUCCESS) {
@@ -618,7 +612,7 @@ LONG SqliteRegistry::DeleteKey(HKEY key, std::string_view subKey) {
     if (rc = self.Bind(1, id).Step(); rc != SQLITE_DONE) {
         return FromSqlite(rc);
     }
-    return tx.Commit();
+    return tx->Commit();
 }
 
 LONG SqliteRegistry::EnumKeyEx(HKEY key, DWORD index, char* name, DWORD* nameSize) {

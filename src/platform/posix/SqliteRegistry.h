@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "platform/Registry.h"
@@ -53,6 +54,8 @@ private:
     class Transaction;
 
     LONG EnsureOpen();
+    // Opens the store for a change and begins the change's transaction.
+    LONG StartChange(std::optional<Transaction>& tx);
     LONG InitializeSchema();
     void CloseDatabase();
     sqlite3_stmt* Prepare(const char* sql);
