@@ -1,7 +1,6 @@
 # Installation layout. The programs live together in one program directory
 # (<prefix>/libexec/q-brix), because the control program keeps its default log files, its
 # quarantine folder and its help file beside its executable; <prefix>/bin holds links to them.
-set(CMAKE_INSTALL_DOCDIR share/doc/q-brix CACHE PATH "Documentation directory")
 include(GNUInstallDirs)
 set(QBRIX_PROGRAM_DIR ${CMAKE_INSTALL_LIBEXECDIR}/q-brix)
 set(QBRIX_PROGRAMS q-brix q-brixctl q-brix-reg q-brix-event q-brix-driver)
@@ -22,5 +21,6 @@ install(DIRECTORY resources/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/q-bri
 install(FILES resources/q-brix.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 install(FILES resources/icons/q-brix.svg
         DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
-install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR})
+set(QBRIX_DOC_DIR ${CMAKE_INSTALL_DATAROOTDIR}/doc/q-brix)
+install(FILES README.md DESTINATION ${QBRIX_DOC_DIR})
+install(DIRECTORY docs/ DESTINATION ${QBRIX_DOC_DIR})
