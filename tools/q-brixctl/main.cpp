@@ -3,12 +3,15 @@
 //   q-brixctl [--root DIR] catalog reset    restore the seeded base catalog
 //   q-brixctl [--root DIR] av scan FILE [--engine NAME]   scan one file with an antivirus engine
 //   q-brixctl [--root DIR] av test [--engine NAME]        run the antivirus self-test
+//   q-brixctl [--root DIR] stats [show [PERIOD]]          the stored traffic statistics
+//   q-brixctl [--root DIR] stats reset PERIOD             erase one breakdown
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "AvCommand.h"
 #include "CatalogCommand.h"
+#include "StatsCommand.h"
 #include "platform/posix/PosixPlatform.h"
 
 namespace {
@@ -18,7 +21,8 @@ int Usage(const std::string& problem) {
         std::cerr << "q-brixctl: " << problem << "\n";
     }
     std::cerr << "usage: q-brixctl [--root DIR] catalog [reset]\n"
-                 "       q-brixctl [--root DIR] av (scan FILE | test) [--engine NAME]\n";
+                 "       q-brixctl [--root DIR] av (scan FILE | test) [--engine NAME]\n"
+                 "       q-brixctl [--root DIR] stats [show [PERIOD] | reset PERIOD]\n";
     return 2;
 }
 
@@ -43,6 +47,9 @@ int main(int argc, char** argv) {
     args.erase(args.begin());
     if (command == "catalog") {
         return tools::RunCatalogCommand(args, std::cout, std::cerr);
+    }
+    if (command == "stats") {
+        return tools::RunStatsCommand(args, std::cout, std::cerr);
     }
     if (command == "av") {
         return tools::RunAvCommand(args, std::cout, std::cerr);
