@@ -69,9 +69,10 @@ void PollActivity::Run() {
             if (m_view.RowCount() > kLogListRowLimit) {
                 m_view.DeleteLastRow();
             }
-            m_view.InsertTopRow(RowOf(fields));
+            ActivityRow row = RowOf(fields);
+            m_view.InsertTopRow(row);
             if (settings.useLog != 0) {
-                file.Write(InternetLogLine(fields));
+                file.Write(InternetLogLine(fields, row.date, row.time));
             }
         }
     }
