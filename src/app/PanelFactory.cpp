@@ -1,7 +1,10 @@
 #include "app/PanelFactory.h"
 
+#include <memory>
+
 #include "antivirus/AntivirusSelfTest.h"
 #include "core/StringTable.h"
+#include "stats/StatisticsTick.h"
 #include "ui/SettingsPage.h"
 
 namespace qbrix::app {
@@ -27,6 +30,10 @@ ui::PanelParts BuildPanelParts() {
         new ui::PlaceholderPage(Str(113), "The firewall's connection decisions."),
         new ui::PlaceholderPage(Str(112), "The content processor's events."),
     };
+    // The Internet log page is not in this build yet: once it is, it implements
+    // events::ActivityLogView and parts.pollActivity runs events::PollActivity(page).Run().
+    auto statistics = std::make_shared<stats::StatisticsTick>();
+    parts.refreshStatistics = [statistics] { statistics->Run(); };
     return parts;
 }
 
