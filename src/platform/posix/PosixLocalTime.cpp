@@ -1,7 +1,9 @@
 #include <locale.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <mutex>
+#include <string>
 
 #include "platform/LocalTime.h"
 
@@ -29,20 +31,45 @@ bool ToTm(const SystemTime& time, std::tm* out) {
     return true;
 }
 
+// The user's default locale for dates and times ("C" when the environment names none or a
+// missing one). Made again only when the environment names another, since making it costs far
+// more than the formatting; one per thread, freed with the thread.
+locale_t TimeLocale() {
+    struct Cached {
+        std::string names = "\x01";
+        locale_t locale = static_cast<locale_t>(nullptr);
+        ~Cached() {
+            if (locale != static_cast<locale_t>(nullptr)) {
+                ::freelocale(locale);
+            }
+        }
+    };
+    thread_local Cached cached;
+    std::string names;
+    for (const char* variable : {"LC_ALL", "LC_TIME", "LANG"}) {
+        const char* value = std::getenv(variable);
+        names.append(value == nullptr ? "" : value).push_back('\n');
+    }
+    if (names != cached.names || cached.locale == static_cast<locale_t>(nullptr)) {
+        if (cached.locale != static_cast<locale_t>(nullptr)) {
+            ::freelocale(cached.locale);
+        }
+        cached.locale = ::newlocale(LC_TIME_MASK, "", static_cast<locale_t>(nullptr));
+        if (cached.locale == static_cast<locale_t>(nullptr)) {
+            cached.locale = ::newlocale(LC_TIME_MASK, "C", static_cast<locale_t>(nullptr));
+        }
+        cached.names = names;
+    }
+    return cached.locale;
+}
+
 std::string Format(const SystemTime& time, const char* format) {
     std::tm fields;
     if (!ToTm(time, &fields)) {
         return {};
     }
-    // The user's default locale for dates and times, read from the environment once per call so
-    // a changed environment is honoured; "C" when the environment names none or a missing one.
-    locale_t locale = ::newlocale(LC_TIME_MASK, "", static_cast<locale_t>(nullptr));
-    if (locale == static_cast<locale_t>(nullptr)) {
-        locale = ::newlocale(LC_TIME_MASK, "C", static_cast<locale_t>(nullptr));
-    }
     char text[kTextSize];
-    std::size_t length = ::strftime_l(text, sizeof(text), format, &fields, locale);
-    ::freelocale(locale);
+    std::size_t length = ::strftime_l(text, sizeof(text), format, &fields, TimeLocale());
     return std::string(text, length);
 }
 
