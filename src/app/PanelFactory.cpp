@@ -1,31 +1,39 @@
 #include "app/PanelFactory.h"
 
 #include "antivirus/AntivirusSelfTest.h"
+#include "content/LspSettings.h"
 #include "core/StringTable.h"
+#include "ui/ContentPage.h"
 #include "ui/SettingsPage.h"
 
 namespace qbrix::app {
 
 namespace {
-QString Str(int id) { return QString::fromStdString(core::LoadString(id)); }
+QString Str(int id) {
+    return QString::fromStdString(core::LoadString(id));
+}
 }  // namespace
 
 ui::PanelParts BuildPanelParts() {
     ui::PanelParts parts;
+    auto* contentPage = new ui::ContentPage(content::g_lspSettings);
     // Pages whose subsystems are not in this build yet say what they will hold.
     parts.pages = {
         new ui::PlaceholderPage("Programs",
                                 "The programs known to the firewall and the zone of each."),
-        new ui::PlaceholderPage("Content Options",
-                                "The content rules of web and e-mail traffic and their options."),
+        contentPage,
         new ui::PlaceholderPage("Zones", "The zones and their address rules."),
-        new ui::PlaceholderPage("Statistics", "Traffic per program by hour, day, weekday and month."),
+        new ui::PlaceholderPage("Statistics",
+                                "Traffic per program by hour, day, weekday and month."),
         new ui::SettingsPage(ui::DefaultZoneBinding{},
                              [](const std::string& engineName) {
                                  antivirus::RunAntivirusSelfTest(engineName.c_str());
                              }),
         new ui::PlaceholderPage(Str(113), "The firewall's connection decisions."),
         new ui::PlaceholderPage(Str(112), "The content processor's events."),
+    };
+    parts.fillContentRulesMenu = [contentPage](QMenu* menu, bool greyed) {
+        contentPage->FillTrayMenu(menu, greyed);
     };
     return parts;
 }

@@ -26,8 +26,8 @@ QPixmap DrawShield(int size) {
     painter.drawPath(shield);
     QPen mark(Qt::white, qMax(1.5, s / 9), Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin);
     painter.setPen(mark);
-    painter.drawPolyline(QPolygonF({QPointF(s * 0.3, s * 0.5), QPointF(s * 0.45, s * 0.65),
-                                    QPointF(s * 0.7, s * 0.35)}));
+    painter.drawPolyline(QPolygonF(
+        {QPointF(s * 0.3, s * 0.5), QPointF(s * 0.45, s * 0.65), QPointF(s * 0.7, s * 0.35)}));
     return pixmap;
 }
 
@@ -43,6 +43,33 @@ QIcon AppIcon(int size) {
         icon.addPixmap(DrawShield(each));
     }
     return icon;
+}
+
+QIcon RuleLineIcon(int image) {
+    const bool outgoing = (image & 1) != 0;
+    const bool on = image >= 2;
+    constexpr int kSize = 16;
+    QPixmap pixmap(kSize, kSize);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    // The box stands for this computer; the arrow points into it or away from it.
+    painter.setPen(QPen(QColor(0x60, 0x60, 0x60), 1));
+    painter.setBrush(on ? QColor(0xe8, 0xf0, 0xff) : QColor(0xee, 0xee, 0xee));
+    painter.drawRect(QRectF(9.5, 3.5, 5, 9));
+    const QColor arrow = on ? (outgoing ? QColor(0xc0, 0x50, 0x10) : QColor(0x10, 0x80, 0x30))
+                            : QColor(0xa0, 0xa0, 0xa0);
+    painter.setPen(QPen(arrow, 2, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+    painter.setBrush(arrow);
+    const qreal y = 8;
+    if (outgoing) {
+        painter.drawLine(QPointF(8, y), QPointF(2.5, y));
+        painter.drawPolygon(QPolygonF({QPointF(1, y), QPointF(4, y - 3), QPointF(4, y + 3)}));
+    } else {
+        painter.drawLine(QPointF(1, y), QPointF(6.5, y));
+        painter.drawPolygon(QPolygonF({QPointF(8, y), QPointF(5, y - 3), QPointF(5, y + 3)}));
+    }
+    return QIcon(pixmap);
 }
 
 }  // namespace qbrix::ui
