@@ -1,8 +1,12 @@
 #include "app/PanelFactory.h"
 
+#include <memory>
+
 #include "antivirus/AntivirusSelfTest.h"
 #include "content/LspSettings.h"
 #include "core/StringTable.h"
+#include "events/PollContent.h"
+#include "ui/ContentLogPage.h"
 #include "ui/ContentPage.h"
 #include "ui/SettingsPage.h"
 
@@ -17,6 +21,9 @@ QString Str(int id) {
 ui::PanelParts BuildPanelParts() {
     ui::PanelParts parts;
     auto* contentPage = new ui::ContentPage(content::g_lspSettings);
+    auto* contentLog = new ui::ContentLogPage();
+    auto contentPoll = std::make_shared<events::PollContent>(*contentLog);
+    parts.drainContentEvents = [contentPoll] { contentPoll->Run(); };
     // Pages whose subsystems are not in this build yet say what they will hold.
     parts.pages = {
         new ui::PlaceholderPage("Programs",
@@ -30,7 +37,7 @@ ui::PanelParts BuildPanelParts() {
                                  antivirus::RunAntivirusSelfTest(engineName.c_str());
                              }),
         new ui::PlaceholderPage(Str(113), "The firewall's connection decisions."),
-        new ui::PlaceholderPage(Str(112), "The content processor's events."),
+        contentLog,
     };
     parts.fillContentRulesMenu = [contentPage](QMenu* menu, bool greyed) {
         contentPage->FillTrayMenu(menu, greyed);
