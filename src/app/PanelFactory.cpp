@@ -6,6 +6,7 @@
 #include "content/LspSettings.h"
 #include "core/StringTable.h"
 #include "events/PollContent.h"
+#include "stats/StatisticsTick.h"
 #include "ui/ContentLogPage.h"
 #include "ui/ContentPage.h"
 #include "ui/SettingsPage.h"
@@ -42,6 +43,10 @@ ui::PanelParts BuildPanelParts() {
     parts.fillContentRulesMenu = [contentPage](QMenu* menu, bool greyed) {
         contentPage->FillTrayMenu(menu, greyed);
     };
+    // The Internet log page is not in this build yet: once it is, it implements
+    // events::ActivityLogView and parts.pollActivity runs events::PollActivity(page).Run().
+    auto statistics = std::make_shared<stats::StatisticsTick>();
+    parts.refreshStatistics = [statistics] { statistics->Run(); };
     return parts;
 }
 

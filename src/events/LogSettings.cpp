@@ -20,4 +20,8 @@ LogSettings ReadContentLogSettings() {
     return ReadLogSettings(core::kLspLogSuffix, "content.log");
 }
 
+LogSettings ReadInternetLogSettings() {
+    return ReadLogSettings(core::kFwLogSuffix, "firewall.log");
+}
+
 }  // namespace qbrix::events

@@ -22,4 +22,7 @@ LogSettings ReadLogSettings(std::string_view suffix, std::string_view defaultFil
 // The content page's settings ("content.log" by default).
 LogSettings ReadContentLogSettings();
 
+// The Internet log page's settings ("firewall.log" by default).
+LogSettings ReadInternetLogSettings();
+
 }  // namespace qbrix::events

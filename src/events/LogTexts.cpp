@@ -67,6 +67,11 @@ std::string InternetLogLine(const ActivityFields& fields) {
     std::string date;
     std::string time;
     TimeStampTexts(fields.timeStamp, &date, &time);
+    return InternetLogLine(fields, date, time);
+}
+
+std::string InternetLogLine(const ActivityFields& fields, std::string_view date,
+                            std::string_view time) {
     std::string line;
     line.append(date).append("\t").append(time).append("\t");
     line.append(fields.application).append("\t").append(fields.ruleName).append("\t");

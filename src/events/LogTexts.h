@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "events/ContentEvent.h"
 
@@ -48,6 +49,10 @@ void TimeStampTexts(std::uint64_t timeStamp, std::string* date, std::string* tim
 
 // Date, time, application, rule name, address, result, direction: TAB-separated, CR LF ended.
 std::string InternetLogLine(const ActivityFields& fields);
+// The same with the date and time texts already made (the list row needs them too, and they are
+// the dearest part of the line).
+std::string InternetLogLine(const ActivityFields& fields, std::string_view date,
+                            std::string_view time);
 
 // The label of a content kind (empty for kinds not known) and whether the kind pops the panel up.
 std::string ContentKindLabel(std::int32_t type);

@@ -5,6 +5,8 @@
 //   q-brixctl [--root DIR] av test [--engine NAME]        run the antivirus self-test
 //   q-brixctl [--root DIR] rule|unit|options ...           content rules and protocol options
 //                                                          (see ContentCommand.h)
+//   q-brixctl [--root DIR] stats [show [PERIOD]]          the stored traffic statistics
+//   q-brixctl [--root DIR] stats reset PERIOD             erase one breakdown
 #include <iostream>
 #include <string>
 #include <vector>
@@ -12,6 +14,7 @@
 #include "AvCommand.h"
 #include "CatalogCommand.h"
 #include "ContentCommand.h"
+#include "StatsCommand.h"
 #include "platform/posix/PosixPlatform.h"
 
 namespace {
@@ -24,7 +27,8 @@ int Usage(const std::string& problem) {
                  "       q-brixctl [--root DIR] av (scan FILE | test) [--engine NAME]\n"
                  "       q-brixctl [--root DIR] rule (list | export | import | delete | test) ...\n"
                  "       q-brixctl [--root DIR] unit test --find P ... INPUT\n"
-                 "       q-brixctl [--root DIR] options (show | set SWITCH VALUE) ...\n";
+                 "       q-brixctl [--root DIR] options (show | set SWITCH VALUE) ...\n"
+                 "       q-brixctl [--root DIR] stats [show [PERIOD] | reset PERIOD]\n";
     return 2;
 }
 
@@ -49,6 +53,9 @@ int main(int argc, char** argv) {
     args.erase(args.begin());
     if (command == "catalog") {
         return tools::RunCatalogCommand(args, std::cout, std::cerr);
+    }
+    if (command == "stats") {
+        return tools::RunStatsCommand(args, std::cout, std::cerr);
     }
     if (command == "av") {
         return tools::RunAvCommand(args, std::cout, std::cerr);
