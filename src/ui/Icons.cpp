@@ -72,4 +72,35 @@ QIcon RuleLineIcon(int image) {
     return QIcon(pixmap);
 }
 
+QIcon ActivityIcon(int image) {
+    const bool outgoing = (image & 1) != 0;
+    const bool approved = image >= 2;
+    constexpr int kSize = 16;
+    QPixmap pixmap(kSize, kSize);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const QColor colour = approved ? QColor(0x18, 0x90, 0x38) : QColor(0xc8, 0x20, 0x20);
+    painter.setPen(QPen(colour, 2, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+    painter.setBrush(colour);
+    // An arrow up for outgoing, down for incoming; a rejected one ends at a bar.
+    const qreal x = 6;
+    if (outgoing) {
+        painter.drawLine(QPointF(x, 14), QPointF(x, 5));
+        painter.drawPolygon(QPolygonF({QPointF(x, 2), QPointF(x - 3.5, 6), QPointF(x + 3.5, 6)}));
+    } else {
+        painter.drawLine(QPointF(x, 2), QPointF(x, 11));
+        painter.drawPolygon(
+            QPolygonF({QPointF(x, 14), QPointF(x - 3.5, 10), QPointF(x + 3.5, 10)}));
+    }
+    if (approved) {
+        painter.setBrush(Qt::NoBrush);
+        painter.drawPolyline(QPolygonF({QPointF(10, 9), QPointF(12, 12), QPointF(15, 5)}));
+    } else {
+        painter.drawLine(QPointF(10, 5), QPointF(15, 12));
+        painter.drawLine(QPointF(15, 5), QPointF(10, 12));
+    }
+    return QIcon(pixmap);
+}
+
 }  // namespace qbrix::ui

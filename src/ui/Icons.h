@@ -12,4 +12,8 @@ QIcon AppIcon(int size = 0);
 // 2 incoming on, 3 outgoing on. An arrow into or out of a box, coloured when the rule is on.
 QIcon RuleLineIcon(int image);
 
+// The four images of an Internet log row: 0 incoming and 1 outgoing rejected, 2 incoming and
+// 3 outgoing approved connections.
+QIcon ActivityIcon(int image);
+
 }  // namespace qbrix::ui

@@ -131,10 +131,14 @@ RuleEditor::RuleEditor(content::ContentRule& rule, content::LspSettings& setting
     m_fullContent->setObjectName("fullContent");
     m_log = new QCheckBox("log", this);
     m_log->setObjectName("log");
-    head->addWidget(m_incoming, 1, 1);
-    head->addWidget(m_outgoing, 1, 2);
-    head->addWidget(m_fullContent, 1, 3);
-    head->addWidget(m_log, 1, 4);
+    auto* switches = new QHBoxLayout();
+    for (QWidget* each :
+         std::initializer_list<QWidget*>{m_incoming, m_outgoing, m_fullContent, m_log}) {
+        switches->addWidget(each);
+        switches->addSpacing(8);
+    }
+    switches->addStretch(1);
+    head->addLayout(switches, 1, 1, 1, 4);
     head->setColumnStretch(1, 1);
     layout->addLayout(head);
 
