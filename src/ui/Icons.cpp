@@ -1,5 +1,7 @@
 #include "ui/Icons.h"
 
+#include <array>
+
 #include <QPainter>
 #include <QPainterPath>
 #include <QPixmap>
@@ -45,7 +47,8 @@ QIcon AppIcon(int size) {
     return icon;
 }
 
-QIcon RuleLineIcon(int image) {
+namespace {
+QIcon DrawRuleLineIcon(int image) {
     const bool outgoing = (image & 1) != 0;
     const bool on = image >= 2;
     constexpr int kSize = 16;
@@ -72,7 +75,7 @@ QIcon RuleLineIcon(int image) {
     return QIcon(pixmap);
 }
 
-QIcon ActivityIcon(int image) {
+QIcon DrawActivityIcon(int image) {
     const bool outgoing = (image & 1) != 0;
     const bool approved = image >= 2;
     constexpr int kSize = 16;
@@ -101,6 +104,22 @@ QIcon ActivityIcon(int image) {
         painter.drawLine(QPointF(15, 5), QPointF(10, 12));
     }
     return QIcon(pixmap);
+}
+
+}  // namespace
+
+// Drawn once per process: a burst of log rows must not paint a pixmap per row. Never freed,
+// so no pixmap outlives the application object at exit.
+QIcon RuleLineIcon(int image) {
+    static const auto* icons = new std::array<QIcon, 4>{DrawRuleLineIcon(0), DrawRuleLineIcon(1),
+                                                        DrawRuleLineIcon(2), DrawRuleLineIcon(3)};
+    return (*icons)[image & 3];
+}
+
+QIcon ActivityIcon(int image) {
+    static const auto* icons = new std::array<QIcon, 4>{DrawActivityIcon(0), DrawActivityIcon(1),
+                                                        DrawActivityIcon(2), DrawActivityIcon(3)};
+    return (*icons)[image & 3];
 }
 
 }  // namespace qbrix::ui

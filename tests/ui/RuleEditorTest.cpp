@@ -185,6 +185,18 @@ TEST_F(RuleEditorTest, UnitTesterShowsAndSelectsTheFoundRange) {
     EXPECT_EQ(Find<QPlainTextEdit>(tester, "output")->toPlainText(), "");
 }
 
+TEST_F(RuleEditorTest, UnitTesterTakesAMegabyteSample) {
+    content::RegRuleMatcher unit;
+    UnitTesterDialog tester(unit);
+    Type(tester, "find", "needle");
+    const QString sample = QString(1024 * 1024, 'x') + "needle";
+    Find<QPlainTextEdit>(tester, "input")->setPlainText(sample);
+    tester.RunTest();
+    EXPECT_EQ(Find<QLineEdit>(tester, "results")->text(),
+              QString("Found from %1 to %2 (needle)").arg(1024 * 1024).arg(1024 * 1024 + 6));
+    EXPECT_EQ(Find<QPlainTextEdit>(tester, "input")->textCursor().selectedText(), "needle");
+}
+
 TEST_F(RuleEditorTest, TesterCloseAppliesItsFieldsAndTheEditorReloadsThem) {
     content::ContentRule& rule = AddRule(content::kHttpRow, "r", "");
     RuleEditor editor(rule, m_settings);
