@@ -49,7 +49,12 @@ ContentPage::ContentPage(content::LspSettings& settings, QWidget* parent)
     setObjectName("ContentPage");
     m_runEditor = [this](content::ContentRule& rule) {
         RuleEditor editor(rule, m_settings, this);
-        return editor.exec();
+        const int result = editor.exec();
+        // A tester closed with OK changed a unit of the rule, whatever the editor ends with.
+        if (editor.UnitsChanged()) {
+            m_modified = true;
+        }
+        return result;
     };
     auto* layout = new QVBoxLayout(this);
 
