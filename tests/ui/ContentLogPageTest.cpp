@@ -7,6 +7,8 @@
 #include <QTabWidget>
 #include <QTreeWidget>
 
+#include "core/RegistryKey.h"
+#include "core/RegistryPaths.h"
 #include "events/PollContent.h"
 #include "support/TempPlatform.h"
 #include "ui/ContentDetailsDialog.h"
@@ -98,6 +100,17 @@ TEST_F(ContentLogPageTest, TheOldestRowGoesWhenTheListIsFull) {
     ASSERT_EQ(m_page->RowCount(), 1001);
     EXPECT_EQ(Row(0)[1], "newest");
     EXPECT_EQ(Row(1000)[1], "old 1");
+}
+
+TEST_F(ContentLogPageTest, AnUnwritableLogFileLeavesTheListWorking) {
+    // The log "file" is a directory: it cannot be opened, the rows still come.
+    core::RegistryKey key(core::kLspLogSuffix, core::kGuiRootPath);
+    key.SetString(core::kFileNameValue, m_platform.DataRoot());
+    Queue({MakeEvent(events::kRuleApplied, "http://w.example/", "rule hit")});
+    events::PollContent(*m_page).Run();
+    ASSERT_EQ(m_page->RowCount(), 1);
+    EXPECT_EQ(Row(0)[1], "rule hit");
+    EXPECT_TRUE(m_messages.shown.empty());
 }
 
 TEST_F(ContentLogPageTest, DetailsDialogShowsTheEventReadOnly) {

@@ -12,6 +12,7 @@
 #include <QPushButton>
 #include <QTest>
 #include <QTreeWidget>
+#include <cstdio>
 #include <memory>
 
 #include "content/ContentStore.h"
@@ -269,11 +270,22 @@ TEST_F(ContentPageTest, ExportProposesTheNameAndImportAsksBeforeOverwriting) {
     EXPECT_EQ(page->SelectedRule()->name, "a b:c/d");
     EXPECT_TRUE(page->HasUnsavedChanges());
 
-    // A file that is not a rule changes nothing and says nothing.
+    // Files that are not a rule change nothing and say nothing: one with a node after the
+    // root, and one that is missing.
     const std::size_t shown = m_messages.shown.size();
+    const std::string hostile = dir.File("hostile.xml");
+    {
+        std::FILE* file = std::fopen(hostile.c_str(), "w");
+        ASSERT_NE(file, nullptr);
+        std::fputs("<MASTER_RULE NAME=\"evil\" ENABLE=\"1\"/><!-- after the root -->", file);
+        std::fclose(file);
+    }
+    m_messages.QueueFileAnswer(hostile);
+    page->ImportRule();
+    EXPECT_EQ(page->RuleListView()->topLevelItemCount(), 1);
     m_messages.QueueFileAnswer(dir.Path() + "/missing.xml");
     page->ImportRule();
-    EXPECT_EQ(m_messages.shown.size(), shown + 1);  // only the open dialog
+    EXPECT_EQ(m_messages.shown.size(), shown + 2);  // only the two open dialogs
     EXPECT_EQ(page->RuleListView()->topLevelItemCount(), 1);
 }
 
