@@ -66,12 +66,14 @@ ContentPage::ContentPage(content::LspSettings& settings, QWidget* parent)
         m_protocol->addItem(row.displayName);
     }
     top->addWidget(m_protocol, 0, 1);
-    top->addWidget(new QLabel("Max Size", this), 0, 2, Qt::AlignRight);
+    top->addWidget(new QLabel("    Max Size", this), 0, 2, Qt::AlignRight);
     m_maxSize = new NumericEdit(kNumberBound, this);
     m_maxSize->setObjectName("maxSize");
+    m_maxSize->setMaximumWidth(100);
     top->addWidget(m_maxSize, 0, 3);
     top->addWidget(new QLabel("bytes", this), 0, 4);
-    top->setColumnStretch(1, 1);
+    top->addItem(new QSpacerItem(0, 0, QSizePolicy::Expanding), 0, 5);
+    top->setColumnStretch(5, 1);
     layout->addLayout(top);
 
     auto* antivirus = new QGroupBox("Antivirus", this);
