@@ -3,35 +3,44 @@
 #include <memory>
 
 #include "antivirus/AntivirusSelfTest.h"
-#include "core/StringTable.h"
+#include "content/LspSettings.h"
+#include "events/PollActivity.h"
+#include "events/PollContent.h"
 #include "stats/StatisticsTick.h"
+#include "ui/ContentLogPage.h"
+#include "ui/ContentPage.h"
+#include "ui/InternetLogPage.h"
 #include "ui/SettingsPage.h"
+#include "ui/StatisticsPage.h"
 
 namespace qbrix::app {
 
-namespace {
-QString Str(int id) { return QString::fromStdString(core::LoadString(id)); }
-}  // namespace
-
 ui::PanelParts BuildPanelParts() {
     ui::PanelParts parts;
+    auto* contentPage = new ui::ContentPage(content::g_lspSettings);
+    auto* internetLog = new ui::InternetLogPage();
+    auto activityPoll = std::make_shared<events::PollActivity>(*internetLog);
+    parts.pollActivity = [activityPoll] { activityPoll->Run(); };
+    auto* contentLog = new ui::ContentLogPage();
+    auto contentPoll = std::make_shared<events::PollContent>(*contentLog);
+    parts.drainContentEvents = [contentPoll] { contentPoll->Run(); };
     // Pages whose subsystems are not in this build yet say what they will hold.
     parts.pages = {
         new ui::PlaceholderPage("Programs",
                                 "The programs known to the firewall and the zone of each."),
-        new ui::PlaceholderPage("Content Options",
-                                "The content rules of web and e-mail traffic and their options."),
+        contentPage,
         new ui::PlaceholderPage("Zones", "The zones and their address rules."),
-        new ui::PlaceholderPage("Statistics", "Traffic per program by hour, day, weekday and month."),
+        new ui::StatisticsPage(stats::StatPeriods()),
         new ui::SettingsPage(ui::DefaultZoneBinding{},
                              [](const std::string& engineName) {
                                  antivirus::RunAntivirusSelfTest(engineName.c_str());
                              }),
-        new ui::PlaceholderPage(Str(113), "The firewall's connection decisions."),
-        new ui::PlaceholderPage(Str(112), "The content processor's events."),
+        internetLog,
+        contentLog,
     };
-    // The Internet log page is not in this build yet: once it is, it implements
-    // events::ActivityLogView and parts.pollActivity runs events::PollActivity(page).Run().
+    parts.fillContentRulesMenu = [contentPage](QMenu* menu, bool greyed) {
+        contentPage->FillTrayMenu(menu, greyed);
+    };
     auto statistics = std::make_shared<stats::StatisticsTick>();
     parts.refreshStatistics = [statistics] { statistics->Run(); };
     return parts;

@@ -9,6 +9,7 @@
 #include "app/AppLinks.h"
 #include "app/AppShell.h"
 #include "core/ControlApp.h"
+#include "events/ContentEventQueue.h"
 #include "platform/posix/PosixPlatform.h"
 
 #ifdef QBRIX_HAVE_UI
@@ -59,7 +60,9 @@ int main(int argc, char** argv) {
     using namespace qbrix;
     platform::ScopedPlatform platform(platform::MakePosixPlatform(platform::DetectSystemInfo()));
     if (argc >= 2 && std::strcmp(argv[1], "--render-pages") == 0) {
-        return RenderPagesMain(argc, argv);
+        int rendered = RenderPagesMain(argc, argv);
+        events::ResetContentEventQueue();
+        return rendered;
     }
     app::AppShell shell(argc, argv);
     app::AppLinks links(shell);
@@ -70,5 +73,8 @@ int main(int argc, char** argv) {
     if (application.InitInstance()) {
         shell.Run();
     }
-    return application.ExitInstance();
+    int result = application.ExitInstance();
+    // The content-event reader uses the platform: it stops before the platform goes.
+    events::ResetContentEventQueue();
+    return result;
 }

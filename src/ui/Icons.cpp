@@ -1,5 +1,7 @@
 #include "ui/Icons.h"
 
+#include <array>
+
 #include <QPainter>
 #include <QPainterPath>
 #include <QPixmap>
@@ -26,8 +28,8 @@ QPixmap DrawShield(int size) {
     painter.drawPath(shield);
     QPen mark(Qt::white, qMax(1.5, s / 9), Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin);
     painter.setPen(mark);
-    painter.drawPolyline(QPolygonF({QPointF(s * 0.3, s * 0.5), QPointF(s * 0.45, s * 0.65),
-                                    QPointF(s * 0.7, s * 0.35)}));
+    painter.drawPolyline(QPolygonF(
+        {QPointF(s * 0.3, s * 0.5), QPointF(s * 0.45, s * 0.65), QPointF(s * 0.7, s * 0.35)}));
     return pixmap;
 }
 
@@ -43,6 +45,81 @@ QIcon AppIcon(int size) {
         icon.addPixmap(DrawShield(each));
     }
     return icon;
+}
+
+namespace {
+QIcon DrawRuleLineIcon(int image) {
+    const bool outgoing = (image & 1) != 0;
+    const bool on = image >= 2;
+    constexpr int kSize = 16;
+    QPixmap pixmap(kSize, kSize);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    // The box stands for this computer; the arrow points into it or away from it.
+    painter.setPen(QPen(QColor(0x60, 0x60, 0x60), 1));
+    painter.setBrush(on ? QColor(0xe8, 0xf0, 0xff) : QColor(0xee, 0xee, 0xee));
+    painter.drawRect(QRectF(9.5, 3.5, 5, 9));
+    const QColor arrow = on ? (outgoing ? QColor(0xc0, 0x50, 0x10) : QColor(0x10, 0x80, 0x30))
+                            : QColor(0xa0, 0xa0, 0xa0);
+    painter.setPen(QPen(arrow, 2, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+    painter.setBrush(arrow);
+    const qreal y = 8;
+    if (outgoing) {
+        painter.drawLine(QPointF(8, y), QPointF(2.5, y));
+        painter.drawPolygon(QPolygonF({QPointF(1, y), QPointF(4, y - 3), QPointF(4, y + 3)}));
+    } else {
+        painter.drawLine(QPointF(1, y), QPointF(6.5, y));
+        painter.drawPolygon(QPolygonF({QPointF(8, y), QPointF(5, y - 3), QPointF(5, y + 3)}));
+    }
+    return QIcon(pixmap);
+}
+
+QIcon DrawActivityIcon(int image) {
+    const bool outgoing = (image & 1) != 0;
+    const bool approved = image >= 2;
+    constexpr int kSize = 16;
+    QPixmap pixmap(kSize, kSize);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const QColor colour = approved ? QColor(0x18, 0x90, 0x38) : QColor(0xc8, 0x20, 0x20);
+    painter.setPen(QPen(colour, 2, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+    painter.setBrush(colour);
+    // An arrow up for outgoing, down for incoming; a rejected one ends at a bar.
+    const qreal x = 6;
+    if (outgoing) {
+        painter.drawLine(QPointF(x, 14), QPointF(x, 5));
+        painter.drawPolygon(QPolygonF({QPointF(x, 2), QPointF(x - 3.5, 6), QPointF(x + 3.5, 6)}));
+    } else {
+        painter.drawLine(QPointF(x, 2), QPointF(x, 11));
+        painter.drawPolygon(
+            QPolygonF({QPointF(x, 14), QPointF(x - 3.5, 10), QPointF(x + 3.5, 10)}));
+    }
+    if (approved) {
+        painter.setBrush(Qt::NoBrush);
+        painter.drawPolyline(QPolygonF({QPointF(10, 9), QPointF(12, 12), QPointF(15, 5)}));
+    } else {
+        painter.drawLine(QPointF(10, 5), QPointF(15, 12));
+        painter.drawLine(QPointF(15, 5), QPointF(10, 12));
+    }
+    return QIcon(pixmap);
+}
+
+}  // namespace
+
+// Drawn once per process: a burst of log rows must not paint a pixmap per row. Never freed,
+// so no pixmap outlives the application object at exit.
+QIcon RuleLineIcon(int image) {
+    static const auto* icons = new std::array<QIcon, 4>{DrawRuleLineIcon(0), DrawRuleLineIcon(1),
+                                                        DrawRuleLineIcon(2), DrawRuleLineIcon(3)};
+    return (*icons)[image & 3];
+}
+
+QIcon ActivityIcon(int image) {
+    static const auto* icons = new std::array<QIcon, 4>{DrawActivityIcon(0), DrawActivityIcon(1),
+                                                        DrawActivityIcon(2), DrawActivityIcon(3)};
+    return (*icons)[image & 3];
 }
 
 }  // namespace qbrix::ui

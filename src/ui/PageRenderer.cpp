@@ -3,13 +3,26 @@
 #include <QApplication>
 #include <QDir>
 #include <QMessageBox>
+#include <QPlainTextEdit>
 #include <QRegularExpression>
 #include <QTabWidget>
+#include <cstdio>
+#include <memory>
 
+#include "content/LspSettings.h"
+#include "content/RuleEditorSupport.h"
+#include "content/RuleTestReport.h"
 #include "core/StringTable.h"
+#include "events/ContentEvent.h"
+#include "stats/StatChartText.h"
 #include "ui/AboutBox.h"
+#include "ui/BarChart.h"
+#include "ui/ContentDetailsDialog.h"
 #include "ui/ControlPanel.h"
 #include "ui/QtMessages.h"
+#include "ui/RuleEditor.h"
+#include "ui/RuleReportDialog.h"
+#include "ui/UnitTesterDialog.h"
 
 namespace qbrix::ui {
 
@@ -31,7 +44,37 @@ bool Save(QWidget& widget, const QString& path, QStringList& written) {
     return saved;
 }
 
-QString Str(int id) { return QString::fromStdString(core::LoadString(id)); }
+QString Str(int id) {
+    return QString::fromStdString(core::LoadString(id));
+}
+
+void CopyText(char* field, std::size_t width, const char* text) {
+    std::snprintf(field, width, "%s", text);
+}
+
+// A sample breakdown for the chart pictures: a working week of traffic.
+void FillSampleChart(BarChart& chart) {
+    ChartModel& model = chart.Model();
+    model.SetColumnCount(static_cast<int>(stats::kStatColumnLabels.size()));
+    for (int column = 0; column < model.ColumnCount(); ++column) {
+        model.SetColumnLabel(column, stats::kStatColumnLabels[column]);
+    }
+    const char* days[] = {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
+    const std::int64_t bytes[7][4] = {
+        {14500000, 2100000, 900000, 400000},  {18200000, 2600000, 1100000, 500000},
+        {9800000, 1900000, 700000, 300000},   {21000000, 3300000, 1500000, 600000},
+        {16400000, 2800000, 1000000, 450000}, {5200000, 800000, 300000, 150000},
+        {3100000, 500000, 200000, 100000},
+    };
+    model.SetRowCount(7);
+    for (int row = 0; row < 7; ++row) {
+        model.SetRowLabel(row, days[row]);
+        for (int column = 0; column < 4; ++column) {
+            model.SetCellText(row, column,
+                              QString::fromStdString(stats::ChartCellText(bytes[row][column])));
+        }
+    }
+}
 
 }  // namespace
 
@@ -59,6 +102,71 @@ QStringList RenderPages(ControlPanel& panel, const QString& directory) {
     QMessageBox exitPrompt(QMessageBox::Question, Str(33), Str(32),
                            QMessageBox::Yes | QMessageBox::No);
     Save(exitPrompt, dir.filePath(FileName(index++, "exit prompt")), written);
+
+    // The content dialogs on a sample rule that lives only here.
+    content::LspSettings settings;
+    std::unique_ptr<content::ContentRule> rule = content::MakeNewRule("Block banner images");
+    rule->enable = 1;
+    rule->popUp = 1;
+    rule->group = "Advertising";
+    content::UnitFields mainFields;
+    mainFields.find = "<img[^>]*banner[^>]*>";
+    mainFields.replaceOn = true;
+    mainFields.replace = "<!-- removed -->";
+    mainFields.comment = "banner images";
+    content::ApplyUnitFields(rule->main, mainFields, content::kMainRuleCaption);
+    content::RegRuleMatcher& sub = rule->InsertSubRule(nullptr);
+    content::UnitFields subFields;
+    subFields.find = "ads\\.";
+    subFields.comment = "only ad servers";
+    content::ApplyUnitFields(sub, subFields, content::kSubRuleCaption);
+    sub.enable = 1;
+    {
+        RuleEditor editor(*rule, settings);
+        Save(editor, dir.filePath(FileName(index++, "rule editor")), written);
+    }
+    content::RegRuleMatcher unit;
+    content::UnitFields unitFields;
+    unitFields.find = "a(b)c";
+    content::ApplyUnitFields(unit, unitFields, content::kMainRuleCaption);
+    {
+        UnitTesterDialog tester(unit);
+        if (auto* input = tester.findChild<QPlainTextEdit*>("input")) {
+            input->setPlainText("xabcx");
+            tester.RunTest();
+        }
+        Save(tester, dir.filePath(FileName(index++, "unit tester")), written);
+    }
+    content::WholeRuleReport report;
+    content::RuleTestFields testFields;
+    testFields.enable = true;
+    testFields.name = rule->name;
+    testFields.log = true;
+    testFields.main = mainFields;
+    content::RunWholeRuleTest(*rule, testFields,
+                              "<p>news</p><img src=\"http://ads.example/banner1.gif\">", report);
+    {
+        RuleReportDialog dialog(report);
+        Save(dialog, dir.filePath(FileName(index++, "rule report")), written);
+    }
+    events::ContentEvent event{};
+    event.type = events::kWebFound;
+    CopyText(event.address, sizeof(event.address), "http://downloads.example/tools/setup.exe");
+    CopyText(event.name, sizeof(event.name), "setup.exe: Eicar-Test-Signature");
+    CopyText(event.quarantine, sizeof(event.quarantine), "/var/lib/q-brix/quarantine/setup.exe");
+    {
+        ContentDetailsDialog details(event);
+        Save(details, dir.filePath(FileName(index++, "content details")), written);
+    }
+
+    // The chart on sample data, flat and in 3D.
+    for (bool threeD : {false, true}) {
+        BarChart chart;
+        chart.resize(640, 360);
+        FillSampleChart(chart);
+        chart.SetThreeD(threeD);
+        Save(chart, dir.filePath(FileName(index++, threeD ? "chart 3d" : "chart flat")), written);
+    }
     return written;
 }
 

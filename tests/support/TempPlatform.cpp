@@ -87,8 +87,9 @@ core::NoAskAnswer ScriptedMessages::AskNoAsk(std::string_view title, std::string
 void ScriptedMessages::Beep(unsigned type) { beeps.push_back(type); }
 
 std::string ScriptedMessages::AskSaveFileName(std::string_view title, std::string_view,
-                                              std::string_view, std::string_view) {
-    shown.push_back(Shown{"save", "", std::string(title), 0});
+                                              std::string_view, std::string_view initialName) {
+    // The proposed file name stands in the text.
+    shown.push_back(Shown{"save", std::string(initialName), std::string(title), 0});
     if (m_fileAnswers.empty()) {
         return std::string();
     }
