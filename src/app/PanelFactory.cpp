@@ -3,6 +3,7 @@
 #include "antivirus/AntivirusSelfTest.h"
 #include "core/StringTable.h"
 #include "ui/SettingsPage.h"
+#include "ui/ZoneSelector.h"
 
 namespace qbrix::app {
 
@@ -20,13 +21,14 @@ ui::PanelParts BuildPanelParts() {
                                 "The content rules of web and e-mail traffic and their options."),
         new ui::PlaceholderPage("Zones", "The zones and their address rules."),
         new ui::PlaceholderPage("Statistics", "Traffic per program by hour, day, weekday and month."),
-        new ui::SettingsPage(ui::DefaultZoneBinding{},
+        new ui::SettingsPage(ui::MakeDefaultZoneBinding(),
                              [](const std::string& engineName) {
                                  antivirus::RunAntivirusSelfTest(engineName.c_str());
                              }),
         new ui::PlaceholderPage(Str(113), "The firewall's connection decisions."),
         new ui::PlaceholderPage(Str(112), "The content processor's events."),
     };
+    parts.bindZoneOverride = ui::BindOverrideSelector;
     return parts;
 }
 
