@@ -4,6 +4,7 @@
 #include "core/StringTable.h"
 #include "ui/SettingsPage.h"
 #include "ui/ZoneSelector.h"
+#include "ui/ZonesPage.h"
 
 namespace qbrix::app {
 
@@ -19,7 +20,7 @@ ui::PanelParts BuildPanelParts() {
                                 "The programs known to the firewall and the zone of each."),
         new ui::PlaceholderPage("Content Options",
                                 "The content rules of web and e-mail traffic and their options."),
-        new ui::PlaceholderPage("Zones", "The zones and their address rules."),
+        new ui::ZonesPage(),
         new ui::PlaceholderPage("Statistics", "Traffic per program by hour, day, weekday and month."),
         new ui::SettingsPage(ui::MakeDefaultZoneBinding(),
                              [](const std::string& engineName) {

@@ -86,9 +86,10 @@ core::NoAskAnswer ScriptedMessages::AskNoAsk(std::string_view title, std::string
 
 void ScriptedMessages::Beep(unsigned type) { beeps.push_back(type); }
 
-std::string ScriptedMessages::AskSaveFileName(std::string_view title, std::string_view,
-                                              std::string_view, std::string_view) {
-    shown.push_back(Shown{"save", "", std::string(title), 0});
+std::string ScriptedMessages::AskSaveFileName(std::string_view title, std::string_view filter,
+                                              std::string_view, std::string_view initialName) {
+    shown.push_back(
+        Shown{"save", std::string(initialName) + "|" + std::string(filter), std::string(title), 0});
     if (m_fileAnswers.empty()) {
         return std::string();
     }
@@ -97,9 +98,9 @@ std::string ScriptedMessages::AskSaveFileName(std::string_view title, std::strin
     return answer;
 }
 
-std::string ScriptedMessages::AskOpenFileName(std::string_view title, std::string_view,
+std::string ScriptedMessages::AskOpenFileName(std::string_view title, std::string_view filter,
                                               std::string_view) {
-    shown.push_back(Shown{"open", "", std::string(title), 0});
+    shown.push_back(Shown{"open", "|" + std::string(filter), std::string(title), 0});
     if (m_fileAnswers.empty()) {
         return std::string();
     }
