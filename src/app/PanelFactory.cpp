@@ -2,6 +2,7 @@
 
 #include "antivirus/AntivirusSelfTest.h"
 #include "core/StringTable.h"
+#include "ui/ProgramsPage.h"
 #include "ui/SettingsPage.h"
 #include "ui/ZoneSelector.h"
 #include "ui/ZonesPage.h"
@@ -15,9 +16,9 @@ QString Str(int id) { return QString::fromStdString(core::LoadString(id)); }
 ui::PanelParts BuildPanelParts() {
     ui::PanelParts parts;
     // Pages whose subsystems are not in this build yet say what they will hold.
+    auto* programs = new ui::ProgramsPage();
     parts.pages = {
-        new ui::PlaceholderPage("Programs",
-                                "The programs known to the firewall and the zone of each."),
+        programs,
         new ui::PlaceholderPage("Content Options",
                                 "The content rules of web and e-mail traffic and their options."),
         new ui::ZonesPage(),
@@ -30,6 +31,7 @@ ui::PanelParts BuildPanelParts() {
         new ui::PlaceholderPage(Str(112), "The content processor's events."),
     };
     parts.bindZoneOverride = ui::BindOverrideSelector;
+    parts.askPendingApplication = [programs] { programs->AskPendingApplication(); };
     return parts;
 }
 

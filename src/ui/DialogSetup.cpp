@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "ui/DialogPresenter.h"
+#include "ui/PermissionDialog.h"
 #include "ui/ZoneEditorDialog.h"
 
 namespace qbrix::ui {
@@ -10,6 +11,8 @@ namespace qbrix::ui {
 struct DialogSetup::State {
     QtZoneEditorLauncher zoneEditor;
     policy::ScopedZoneEditorLauncher zoneEditorScope{zoneEditor};
+    QtPermissionDialogLauncher permissions;
+    policy::ScopedPermissionDialogLauncher permissionsScope{permissions};
     UnattendedPresenter unattended;
     std::optional<ScopedPresenter> presenterScope;
 };
