@@ -92,7 +92,7 @@ PermissionDialog::PermissionDialog(policy::AppRecord& record, bool askMode, QWid
     auto* details = new QPlainTextEdit(RecordText(m_model->Details()), detailsGroup);
     details->setObjectName("Details");
     details->setReadOnly(true);
-    details->setMinimumHeight(110);
+    details->setMinimumHeight(80);
     detailsLayout->addWidget(details);
     layout->addWidget(detailsGroup, 1);
 
@@ -102,7 +102,7 @@ PermissionDialog::PermissionDialog(policy::AppRecord& record, bool askMode, QWid
     QObject::connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
     QObject::connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
     layout->addWidget(buttons);
-    resize(460, 340);
+    resize(480, 300);
 }
 
 void PermissionDialog::done(int result) {

@@ -20,7 +20,6 @@ namespace {
 
 enum Column { kName = 0, kZone = 1, kPath = 2, kImage = 3 };
 constexpr int kZoneColumnWidth = 120;
-constexpr int kFixedColumnsWidth = 240;
 
 QString RecordText(const std::string& text) {
     QString decoded = QString::fromUtf8(text);
@@ -44,6 +43,7 @@ ProgramsPage::ProgramsPage(QWidget* parent) : PropertyPage("Programs", parent) {
     m_list->setIconSize(QSize(16, 16));
     m_list->setContextMenuPolicy(Qt::CustomContextMenu);
     m_list->header()->setStretchLastSection(false);
+    m_list->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     m_list->installEventFilter(this);
     layout->addWidget(m_list);
 
@@ -55,8 +55,9 @@ ProgramsPage::ProgramsPage(QWidget* parent) : PropertyPage("Programs", parent) {
 
 void ProgramsPage::resizeEvent(QResizeEvent* event) {
     PropertyPage::resizeEvent(event);
+    // The name takes whatever the zone column leaves, so no horizontal scrolling is needed.
     int width = m_list->viewport()->width();
-    m_list->setColumnWidth(kName, qMax(120, width - kFixedColumnsWidth));
+    m_list->setColumnWidth(kName, qMax(120, width - kZoneColumnWidth));
     m_list->setColumnWidth(kZone, kZoneColumnWidth);
 }
 
