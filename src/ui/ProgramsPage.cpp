@@ -151,6 +151,9 @@ bool ProgramsPage::eventFilter(QObject* watched, QEvent* event) {
 
 void ProgramsPage::BringPanelToFront(bool topmost) {
     QWidget* panel = window();
+    if (panel == this) {
+        return;  // not inside a panel
+    }
     panel->setWindowFlag(Qt::WindowStaysOnTopHint, topmost);
     if (!topmost) {
         // Changing the flag hides a visible window; it stays where the prompt put it.
