@@ -227,5 +227,23 @@ TEST_F(PromptTest, AProgramThatAlreadyHasARowIsNotAnswered) {
     EXPECT_FALSE(m_page->Asking());
 }
 
+TEST_F(ProgramsPageTest, SeventyFiveApplicationsAndAMissingDriver) {
+    {
+        RecordingDriver driver;
+        for (int i = 0; i < 75; ++i) {
+            std::string name = "APP" + std::to_string(i) + ".EXE";
+            driver.Put(App(name.c_str(), "C:\\APP.EXE", "DisableAll"));
+        }
+        ProgramsPage page;
+        EXPECT_EQ(page.List()->topLevelItemCount(), 75);
+    }
+    // Without a driver the page is empty and the prompt finds nothing to ask.
+    ProgramsPage page;
+    EXPECT_EQ(page.List()->topLevelItemCount(), 0);
+    page.AskPendingApplication();
+    EXPECT_FALSE(page.Asking());
+    EXPECT_EQ(m_presenter.presented, 0);
+}
+
 }  // namespace
 }  // namespace qbrix::ui

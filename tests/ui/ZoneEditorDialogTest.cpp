@@ -146,6 +146,20 @@ TEST_F(ZoneEditorDialogTest, AddressByNameFillsOnlyTheAddressField) {
     dialog.Finish();
 }
 
+TEST_F(ZoneEditorDialogTest, AZoneNameOf259CharactersSurvivesAndLongerInputIsCut) {
+    const std::string longest(259, 'z');
+    driver::SetFieldText(m_zone.name, longest);
+    EXPECT_EQ(Edit({}), 0);
+    EXPECT_EQ(policy::ZoneName(m_zone), longest);
+    Edit([](QDialog& dialog) {
+        auto* name = Child<QLineEdit>(dialog, "ZoneName");
+        name->clear();
+        QTest::keyClicks(name, QString(300, 'y'));
+        return int(QDialog::Accepted);
+    });
+    EXPECT_EQ(policy::ZoneName(m_zone), std::string(259, 'y'));
+}
+
 TEST(AddressText, DottedDecimalBothWays) {
     EXPECT_EQ(AddressText(0x7F000001), "127.0.0.1");
     EXPECT_EQ(ParseAddress("192.168.1.10"), 0xC0A8010Au);
