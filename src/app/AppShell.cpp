@@ -17,6 +17,7 @@
 
 #include "app/PanelFactory.h"
 #include "ui/ControlPanel.h"
+#include "ui/DialogSetup.h"
 #include "ui/QtMessages.h"
 #endif
 
@@ -52,6 +53,7 @@ struct AppShell::State {
     std::unique_ptr<ui::ControlPanel> panel;
     std::unique_ptr<ui::QtMessages> messages;
     std::unique_ptr<core::ScopedMessages> messagesScope;
+    std::unique_ptr<ui::DialogSetup> dialogs;
 #endif
 };
 
@@ -65,6 +67,7 @@ AppShell::~AppShell() {
 #ifdef QBRIX_HAVE_UI
     m_state->messagesScope.reset();
     m_state->panel.reset();
+    m_state->dialogs.reset();
     m_state->application.reset();
 #endif
 }
@@ -86,7 +89,9 @@ void AppShell::Init() {
     QApplication::setQuitOnLastWindowClosed(false);
     QString platform = QGuiApplication::platformName();
     // Real dialogs only where somebody can answer them; offscreen runs keep the console.
-    if (platform != "offscreen" && platform != "minimal") {
+    bool unattended = platform == "offscreen" || platform == "minimal";
+    m_state->dialogs = std::make_unique<ui::DialogSetup>(unattended);
+    if (!unattended) {
         m_state->messages = std::make_unique<ui::QtMessages>();
         m_state->messagesScope = std::make_unique<core::ScopedMessages>(*m_state->messages);
     }

@@ -10,39 +10,44 @@
 #include "ui/ContentLogPage.h"
 #include "ui/ContentPage.h"
 #include "ui/InternetLogPage.h"
+#include "ui/ProgramsPage.h"
 #include "ui/SettingsPage.h"
 #include "ui/StatisticsPage.h"
+#include "ui/ZoneSelector.h"
+#include "ui/ZonesPage.h"
 
 namespace qbrix::app {
 
 ui::PanelParts BuildPanelParts() {
     ui::PanelParts parts;
+    auto* programs = new ui::ProgramsPage();
     auto* contentPage = new ui::ContentPage(content::g_lspSettings);
     auto* internetLog = new ui::InternetLogPage();
-    auto activityPoll = std::make_shared<events::PollActivity>(*internetLog);
-    parts.pollActivity = [activityPoll] { activityPoll->Run(); };
     auto* contentLog = new ui::ContentLogPage();
-    auto contentPoll = std::make_shared<events::PollContent>(*contentLog);
-    parts.drainContentEvents = [contentPoll] { contentPoll->Run(); };
-    // Pages whose subsystems are not in this build yet say what they will hold.
     parts.pages = {
-        new ui::PlaceholderPage("Programs",
-                                "The programs known to the firewall and the zone of each."),
+        programs,
         contentPage,
-        new ui::PlaceholderPage("Zones", "The zones and their address rules."),
+        new ui::ZonesPage(),
         new ui::StatisticsPage(stats::StatPeriods()),
-        new ui::SettingsPage(ui::DefaultZoneBinding{},
+        new ui::SettingsPage(ui::MakeDefaultZoneBinding(),
                              [](const std::string& engineName) {
                                  antivirus::RunAntivirusSelfTest(engineName.c_str());
                              }),
         internetLog,
         contentLog,
     };
+    parts.bindZoneOverride = ui::BindOverrideSelector;
+    // The four steps of every tick, in their order.
+    parts.askPendingApplication = [programs] { programs->AskPendingApplication(); };
+    auto activityPoll = std::make_shared<events::PollActivity>(*internetLog);
+    parts.pollActivity = [activityPoll] { activityPoll->Run(); };
+    auto contentPoll = std::make_shared<events::PollContent>(*contentLog);
+    parts.drainContentEvents = [contentPoll] { contentPoll->Run(); };
+    auto statistics = std::make_shared<stats::StatisticsTick>();
+    parts.refreshStatistics = [statistics] { statistics->Run(); };
     parts.fillContentRulesMenu = [contentPage](QMenu* menu, bool greyed) {
         contentPage->FillTrayMenu(menu, greyed);
     };
-    auto statistics = std::make_shared<stats::StatisticsTick>();
-    parts.refreshStatistics = [statistics] { statistics->Run(); };
     return parts;
 }
 

@@ -216,13 +216,17 @@ int ProgramList::DeleteProgram() {
     return 1;
 }
 
-int ProgramList::DecidePendingQuestion(AppRecord& record) {
+int ProgramList::DecidePendingQuestion(AppRecord& record,
+                                       const std::function<void()>& beforeAsking) {
     if (AddProgram(record) == 1) {
         return 0;
     }
     if (IsOwnProgram(ImageName(record))) {
         std::memcpy(&record.zone, &PresetZones()[0], sizeof(ZoneRecord));
     } else {
+        if (beforeAsking) {
+            beforeAsking();
+        }
         std::string path;
         std::string description;
         GetProcessName(ImageName(record), path, description);

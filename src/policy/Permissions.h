@@ -4,6 +4,7 @@
 // program only reads them, shows them and sends changes back.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -115,8 +116,9 @@ class ProgramList {
     int DeleteProgram();
     // A pending question: adds the row; unless the application already had one, decides its
     // zone (own programs get "EnableAll" without asking), answers the driver and refreshes the
-    // row. 1 when an answer was sent.
-    int DecidePendingQuestion(AppRecord& record);
+    // row. 1 when an answer was sent. `beforeAsking` runs when the user is about to be asked
+    // (the user interface beeps and brings itself to the front there).
+    int DecidePendingQuestion(AppRecord& record, const std::function<void()>& beforeAsking = {});
 
   private:
     int FindRow(std::string_view imageName) const;

@@ -47,6 +47,9 @@ ControlPanel::ControlPanel(PanelParts parts, QWidget* parent)
     m_zoneOverride->setObjectName("ZoneOverride");
     m_zoneOverride->addItem(QString());
     m_zoneOverride->setMinimumContentsLength(20);
+    if (m_parts.bindZoneOverride) {
+        m_parts.bindZoneOverride(m_zoneOverride);
+    }
     zoneLayout->addWidget(m_zoneOverride);
     zoneLayout->addStretch(1);
     layout->addWidget(m_zoneProfile);

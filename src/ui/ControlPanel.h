@@ -35,6 +35,8 @@ struct PanelParts {
     std::function<void()> pollActivity;
     std::function<void()> drainContentEvents;
     std::function<void()> refreshStatistics;
+    // Binds the "Zone Override" selector (its empty first item is already there).
+    std::function<void(QComboBox* selector)> bindZoneOverride;
     // Fills the tray's "Content Rules" pop-up; `greyed` while the panel is visible.
     std::function<void(QMenu* menu, bool greyed)> fillContentRulesMenu;
 };

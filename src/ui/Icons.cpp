@@ -33,7 +33,58 @@ QPixmap DrawShield(int size) {
     return pixmap;
 }
 
+QPixmap DrawRule(int index) {
+    const int size = 16;
+    QPixmap pixmap(size, size);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    bool outgoing = index % 2 == 1;
+    bool blocks = (index / 2) % 2 == 1;
+    bool off = index >= 4;
+    QColor fill = blocks ? QColor(0xc6, 0x28, 0x28) : QColor(0x2e, 0x8b, 0x3a);
+    if (off) {
+        fill = blocks ? QColor(0xe8, 0xb0, 0xb0) : QColor(0xb0, 0xd8, 0xb5);
+    }
+    painter.setPen(QPen(fill.darker(140), 1));
+    painter.setBrush(fill);
+    painter.drawEllipse(QRectF(1.5, 1.5, 13, 13));
+    QPen arrow(off ? QColor(0xf4, 0xf4, 0xf4) : Qt::white, 1.8, Qt::SolidLine, Qt::RoundCap,
+               Qt::RoundJoin);
+    painter.setPen(arrow);
+    painter.drawLine(QPointF(4.5, 8), QPointF(11.5, 8));
+    if (outgoing) {
+        painter.drawPolyline(QPolygonF({QPointF(8.5, 5), QPointF(11.5, 8), QPointF(8.5, 11)}));
+    } else {
+        painter.drawPolyline(QPolygonF({QPointF(7.5, 5), QPointF(4.5, 8), QPointF(7.5, 11)}));
+    }
+    return pixmap;
+}
+
+QPixmap DrawProgram(int size) {
+    QPixmap pixmap(size, size);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    const qreal s = size;
+    painter.setPen(QPen(QColor(0x40, 0x40, 0x48), 1));
+    painter.setBrush(Qt::white);
+    painter.drawRect(QRectF(s * 0.08, s * 0.14, s * 0.84, s * 0.72));
+    painter.fillRect(QRectF(s * 0.08, s * 0.14, s * 0.84, s * 0.2), QColor(0x2a, 0x6f, 0xd6));
+    return pixmap;
+}
+
 }  // namespace
+
+QIcon RuleImage(int index) {
+    return QIcon(DrawRule(index < 0 || index > 7 ? 0 : index));
+}
+
+QIcon DefaultProgramIcon() {
+    QIcon icon;
+    icon.addPixmap(DrawProgram(16));
+    icon.addPixmap(DrawProgram(32));
+    return icon;
+}
 
 QIcon AppIcon(int size) {
     QIcon icon;

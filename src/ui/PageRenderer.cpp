@@ -8,6 +8,7 @@
 #include <QTabWidget>
 #include <cstdio>
 #include <memory>
+#include <QTreeWidget>
 
 #include "content/LspSettings.h"
 #include "content/RuleEditorSupport.h"
@@ -15,14 +16,18 @@
 #include "core/StringTable.h"
 #include "events/ContentEvent.h"
 #include "stats/StatChartText.h"
+#include "policy/PresetZones.h"
 #include "ui/AboutBox.h"
 #include "ui/BarChart.h"
 #include "ui/ContentDetailsDialog.h"
 #include "ui/ControlPanel.h"
+#include "ui/PermissionDialog.h"
+#include "ui/ProgramsPage.h"
 #include "ui/QtMessages.h"
 #include "ui/RuleEditor.h"
 #include "ui/RuleReportDialog.h"
 #include "ui/UnitTesterDialog.h"
+#include "ui/ZoneEditorDialog.h"
 
 namespace qbrix::ui {
 
@@ -76,6 +81,33 @@ void FillSampleChart(BarChart& chart) {
     }
 }
 
+policy::AppRecord SampleProgram(const char* imageName, const char* description, const char* path,
+                                const policy::ZoneRecord& zone) {
+    policy::AppRecord record{};
+    driver::SetFieldText(record.imageName, imageName);
+    driver::SetFieldText(record.description, description);
+    driver::SetFieldText(record.path, path);
+    record.zone = zone;
+    return record;
+}
+
+// Rows for a Programs page that has no driver to read from; shown only, never sent.
+void AddSamplePrograms(ControlPanel& panel) {
+    auto* programs = panel.findChild<ProgramsPage*>();
+    if (programs == nullptr || programs->List()->topLevelItemCount() > 0) {
+        return;
+    }
+    const auto& presets = policy::PresetZones();
+    programs->AddProgram(
+        SampleProgram("MAILER.EXE", "Mail reader", "C:\\MAIL\\MAILER.EXE", presets[5]));
+    programs->AddProgram(
+        SampleProgram("BROWSE.EXE", "Web browser", "C:\\WEB\\BROWSE.EXE", presets[5]));
+    programs->AddProgram(SampleProgram("UPDATE.EXE", "update.exe", "?", presets[3]));
+    programs->AddProgram(SampleProgram("qctrl-brix.exe", "q-Brix Control",
+                                       "C:\\Q-BRIX\\QCTRL-BRIX.EXE", presets[0]));
+    programs->Model().Select(0);
+}
+
 }  // namespace
 
 QStringList RenderPages(ControlPanel& panel, const QString& directory) {
@@ -84,6 +116,7 @@ QStringList RenderPages(ControlPanel& panel, const QString& directory) {
         return written;
     }
     QDir dir(directory);
+    AddSamplePrograms(panel);
     QTabWidget* tabs = panel.Tabs();
     for (int i = 0; i < tabs->count(); ++i) {
         tabs->setCurrentIndex(i);
@@ -167,6 +200,18 @@ QStringList RenderPages(ControlPanel& panel, const QString& directory) {
         chart.SetThreeD(threeD);
         Save(chart, dir.filePath(FileName(index++, threeD ? "chart 3d" : "chart flat")), written);
     }
+    policy::ZoneRecord zone = policy::PresetZones()[5];
+    ZoneEditorDialog editor(zone, "Rule ", nullptr);
+    Save(editor, dir.filePath(FileName(index++, "zone editor")), written);
+    editor.Finish();
+    policy::AppRecord question =
+        SampleProgram("BROWSE.EXE", "Web browser", "C:\\WEB\\BROWSE.EXE", policy::EmptyZone());
+    question.zone.rules[0].address = 0x0A000005;
+    question.zone.rules[0].remotePort = 80;
+    question.zone.rules[0].protocol = 1;
+    question.zone.rules[0].direction = 2;
+    PermissionDialog permissions(question, true);
+    Save(permissions, dir.filePath(FileName(index++, "permissions for application")), written);
     return written;
 }
 

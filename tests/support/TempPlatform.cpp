@@ -58,7 +58,7 @@ ScriptedMessages::~ScriptedMessages() = default;
 
 int ScriptedMessages::MessageBox(std::string_view text, std::string_view caption,
                                  unsigned style) {
-    shown.push_back(Shown{"box", std::string(text), std::string(caption), style});
+    shown.push_back(Shown{"box", std::string(text), std::string(caption), style, ""});
     if (whileShown) {
         whileShown();
     }
@@ -72,7 +72,7 @@ int ScriptedMessages::MessageBox(std::string_view text, std::string_view caption
 }
 
 core::NoAskAnswer ScriptedMessages::AskNoAsk(std::string_view title, std::string_view message) {
-    shown.push_back(Shown{"noask", std::string(message), std::string(title), 0});
+    shown.push_back(Shown{"noask", std::string(message), std::string(title), 0, ""});
     if (whileShown) {
         whileShown();
     }
@@ -86,10 +86,11 @@ core::NoAskAnswer ScriptedMessages::AskNoAsk(std::string_view title, std::string
 
 void ScriptedMessages::Beep(unsigned type) { beeps.push_back(type); }
 
-std::string ScriptedMessages::AskSaveFileName(std::string_view title, std::string_view,
+std::string ScriptedMessages::AskSaveFileName(std::string_view title, std::string_view filter,
                                               std::string_view, std::string_view initialName) {
-    // The proposed file name stands in the text.
-    shown.push_back(Shown{"save", std::string(initialName), std::string(title), 0});
+    // The proposed file name stands in the text, the offered filter in its own field.
+    shown.push_back(Shown{"save", std::string(initialName), std::string(title), 0,
+                          std::string(filter)});
     if (m_fileAnswers.empty()) {
         return std::string();
     }
@@ -98,9 +99,9 @@ std::string ScriptedMessages::AskSaveFileName(std::string_view title, std::strin
     return answer;
 }
 
-std::string ScriptedMessages::AskOpenFileName(std::string_view title, std::string_view,
+std::string ScriptedMessages::AskOpenFileName(std::string_view title, std::string_view filter,
                                               std::string_view) {
-    shown.push_back(Shown{"open", "", std::string(title), 0});
+    shown.push_back(Shown{"open", "", std::string(title), 0, std::string(filter)});
     if (m_fileAnswers.empty()) {
         return std::string();
     }

@@ -50,9 +50,10 @@ class ScriptedMessages : public core::Messages {
 public:
     struct Shown {
         std::string kind;  // "box", "noask", "save" or "open"
-        std::string text;
+        std::string text;  // the file dialogs: the name offered, then '|' and the filter
         std::string caption;
         unsigned style = 0;
+        std::string filter;  // the file dialogs' offered filter
     };
 
     ScriptedMessages();

@@ -112,7 +112,7 @@ class FixedInterfaces : public platform::InterfaceSource {
 };
 
 // A driver that keeps application records keyed by image name and answers the list, get, set,
-// delete and answer requests; every set and answer is recorded in order.
+// delete, question and answer requests; every set and answer is recorded in order.
 class RecordingDriver {
   public:
     explicit RecordingDriver(bool deleteFails = false) {
@@ -128,6 +128,7 @@ class RecordingDriver {
     std::vector<AppRecord> sent;      // SetAppRecord, in order
     std::vector<AppRecord> answered;  // AnswerPendingQuestion, in order
     std::vector<ZoneRecord> zones;    // SetDefaultZone and SetOverrideZone, in order
+    std::vector<AppRecord> pending;   // questions handed out by TakePendingQuestion, in order
 
   private:
     static std::string Name(const AppRecord& record) {
@@ -161,6 +162,15 @@ class RecordingDriver {
                 sent.push_back(record);
                 m_records[Name(record)] = record;
                 return FakeDriverPeer::Reply(true, 0, sizeof(AppRecord));
+            case driver::IOCTL_TAKE_PENDING_QUESTION: {
+                if (pending.empty()) {
+                    return FakeDriverPeer::Reply(true, 0, 0);
+                }
+                AppRecord question = pending.front();
+                pending.erase(pending.begin());
+                return FakeDriverPeer::Reply(true, 0, sizeof question,
+                                             Bytes(&question, sizeof question));
+            }
             case driver::IOCTL_ANSWER_PENDING_QUESTION:
                 answered.push_back(record);
                 m_records[Name(record)] = record;
