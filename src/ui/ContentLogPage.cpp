@@ -2,10 +2,10 @@
 
 #include <QTabWidget>
 #include <QTreeWidget>
-#include <QVBoxLayout>
 
 #include "core/StringTable.h"
 #include "ui/ContentDetailsDialog.h"
+#include "ui/LogList.h"
 
 namespace qbrix::ui {
 
@@ -23,18 +23,7 @@ ContentLogPage::ContentLogPage(QWidget* parent) : PropertyPage(Str(112), parent)
         ContentDetailsDialog dialog(event, window());
         dialog.exec();
     };
-    auto* layout = new QVBoxLayout(this);
-    m_list = new QTreeWidget(this);
-    m_list->setObjectName("list");
-    m_list->setRootIsDecorated(false);
-    m_list->setUniformRowHeights(true);
-    m_list->setSelectionBehavior(QAbstractItemView::SelectRows);
-    m_list->setHeaderLabels({Str(37), Str(39), Str(38), Str(40)});
-    const int widths[] = {80, 150, 150, 200};
-    for (int column = 0; column < 4; ++column) {
-        m_list->setColumnWidth(column, widths[column]);
-    }
-    layout->addWidget(m_list);
+    m_list = MakeLogList(this, {Str(37), Str(39), Str(38), Str(40)}, {80, 150, 150, 200});
 }
 
 void ContentLogPage::SetRedraw(bool on) {
@@ -45,11 +34,7 @@ int ContentLogPage::RowCount() {
     return m_list->topLevelItemCount();
 }
 
-void ContentLogPage::DeleteLastRow() {
-    if (m_list->topLevelItemCount() > 0) {
-        delete m_list->takeTopLevelItem(m_list->topLevelItemCount() - 1);
-    }
-}
+void ContentLogPage::DeleteLastRow() { DeleteBottomRow(m_list); }
 
 void ContentLogPage::InsertTopRow(const events::ContentRow& row) {
     auto* item = new QTreeWidgetItem();

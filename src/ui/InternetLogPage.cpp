@@ -1,10 +1,10 @@
 #include "ui/InternetLogPage.h"
 
 #include <QTreeWidget>
-#include <QVBoxLayout>
 
 #include "core/StringTable.h"
 #include "ui/Icons.h"
+#include "ui/LogList.h"
 
 namespace qbrix::ui {
 
@@ -18,18 +18,8 @@ QString Str(int id) {
 
 InternetLogPage::InternetLogPage(QWidget* parent) : PropertyPage(Str(113), parent) {
     setObjectName("InternetLogPage");
-    auto* layout = new QVBoxLayout(this);
-    m_list = new QTreeWidget(this);
-    m_list->setObjectName("list");
-    m_list->setRootIsDecorated(false);
-    m_list->setUniformRowHeights(true);
-    m_list->setSelectionBehavior(QAbstractItemView::SelectRows);
-    m_list->setHeaderLabels({Str(56), Str(65), Str(2), Str(4), Str(5)});
-    const int widths[] = {150, 120, 120, 80, 80};
-    for (int column = 0; column < 5; ++column) {
-        m_list->setColumnWidth(column, widths[column]);
-    }
-    layout->addWidget(m_list);
+    m_list = MakeLogList(this, {Str(56), Str(65), Str(2), Str(4), Str(5)},
+                         {150, 120, 120, 80, 80});
 }
 
 void InternetLogPage::SetRedraw(bool on) {
@@ -40,11 +30,7 @@ int InternetLogPage::RowCount() {
     return m_list->topLevelItemCount();
 }
 
-void InternetLogPage::DeleteLastRow() {
-    if (m_list->topLevelItemCount() > 0) {
-        delete m_list->takeTopLevelItem(m_list->topLevelItemCount() - 1);
-    }
-}
+void InternetLogPage::DeleteLastRow() { DeleteBottomRow(m_list); }
 
 void InternetLogPage::InsertTopRow(const events::ActivityRow& row) {
     auto* item = new QTreeWidgetItem();

@@ -25,6 +25,7 @@
 #include "platform/Platform.h"
 #include "platform/Services.h"
 #include "platform/SystemFiles.h"
+#include "support/Process.h"
 #include "support/TempPlatform.h"
 
 extern char** environ;
@@ -86,16 +87,7 @@ class Process {
     bool m_ended = false;
 };
 
-bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(20ms);
-    }
-    return condition();
-}
+using ::qbrix::test::WaitFor;
 
 class DriverEndToEndTest : public ::testing::TestWithParam<platform::Family> {
   protected:

@@ -51,6 +51,17 @@ int ExitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1
 
 }  // namespace
 
+bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
+    auto deadline = Clock::now() + limit;
+    while (Clock::now() < deadline) {
+        if (condition()) {
+            return true;
+        }
+        ::usleep(20000);
+    }
+    return condition();
+}
+
 ProcessResult RunProcess(const std::vector<std::string>& argv,
                          const std::map<std::string, std::string>& env, int timeoutMs) {
     int outPipe[2];

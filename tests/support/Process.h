@@ -4,11 +4,17 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
 namespace qbrix::test {
+
+// Polls `condition` every 20 ms until it holds or `limit` has passed; its last answer.
+bool WaitFor(const std::function<bool()>& condition,
+             std::chrono::milliseconds limit = std::chrono::seconds(5));
 
 struct ProcessResult {
     int exitCode = -1;  // -1 when killed by a signal or timed out

@@ -32,16 +32,7 @@ using namespace std::chrono_literals;
 using test_support::Child;
 using test_support::ScriptedPresenter;
 
-bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(20ms);
-    }
-    return condition();
-}
+using test::WaitFor;
 
 TEST(ProgramsEndToEndTest, AnInjectedUnknownProgramIsAskedBoundAndShown) {
     test::TempPlatform platform;
