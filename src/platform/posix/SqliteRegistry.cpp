@@ -87,6 +87,34 @@ LONG SplitPath(std::string_view path, std::vector<std::string_view>* parts) {
     }
 }
 
+// A name into a caller's buffer of *nameSize bytes, with its terminator; on success *nameSize
+// is the name's length.
+LONG CopyName(std::string_view text, char* name, DWORD* nameSize) {
+    if (text.size() + 1 > *nameSize) {
+        return ERROR_MORE_DATA;
+    }
+    std::memcpy(name, text.data(), text.size());
+    name[text.size()] = '\0';
+    *nameSize = static_cast<DWORD>(text.size());
+    return ERROR_SUCCESS;
+}
+
+// Value data as the registry calls report it: with no buffer only the size; a short buffer gives
+// ERROR_MORE_DATA with the size needed.
+LONG CopyData(std::string_view bytes, BYTE* data, DWORD* size) {
+    if (data != nullptr && *size < bytes.size()) {
+        *size = static_cast<DWORD>(bytes.size());
+        return ERROR_MORE_DATA;
+    }
+    if (data != nullptr && !bytes.empty()) {
+        std::memcpy(data, bytes.data(), bytes.size());
+    }
+    if (size != nullptr) {
+        *size = static_cast<DWORD>(bytes.size());
+    }
+    return ERROR_SUCCESS;
+}
+
 }  // namespace
 
 // A cached prepared statement, reset when the wrapper goes out of scope.
@@ -513,17 +541,7 @@ LONG SqliteRegistry::QueryValueEx(HKEY key, std::string_view name, DWORD* type, 
     if (type != nullptr) {
         *type = static_cast<DWORD>(stmt.Int(0));
     }
-    if (data != nullptr && *size < bytes.size()) {
-        *size = static_cast<DWORD>(bytes.size());
-        return ERROR_MORE_DATA;
-    }
-    if (data != nullptr && !bytes.empty()) {
-        std::memcpy(data, bytes.data(), bytes.size());
-    }
-    if (size != nullptr) {
-        *size = static_cast<DWORD>(bytes.size());
-    }
-    return ERROR_SUCCESS;
+    return CopyData(bytes, data, size);
 }
 
 LONG SqliteRegistry::SetValueEx(HKEY key, std::string_view name, DWORD type, const BYTE* data,
@@ -633,13 +651,7 @@ LONG SqliteRegistry::EnumKeyEx(HKEY key, DWORD index, char* name, DWORD* nameSiz
         return rc == SQLITE_DONE ? ERROR_NO_MORE_ITEMS : FromSqlite(rc);
     }
     std::string_view text = stmt.Bytes(0);
-    if (text.size() + 1 > *nameSize) {
-        return ERROR_MORE_DATA;
-    }
-    std::memcpy(name, text.data(), text.size());
-    name[text.size()] = '\0';
-    *nameSize = static_cast<DWORD>(text.size());
-    return ERROR_SUCCESS;
+    return CopyName(text, name, nameSize);
 }
 
 LONG SqliteRegistry::EnumValue(HKEY key, DWORD index, char* name, DWORD* nameSize, DWORD* type,
@@ -663,26 +675,13 @@ LONG SqliteRegistry::EnumValue(HKEY key, DWORD index, char* name, DWORD* nameSiz
     }
     std::string_view text = stmt.Bytes(0);
     std::string_view bytes = stmt.Bytes(2);
-    if (text.size() + 1 > *nameSize) {
-        return ERROR_MORE_DATA;
+    if (LONG rc = CopyName(text, name, nameSize); rc != ERROR_SUCCESS) {
+        return rc;
     }
-    std::memcpy(name, text.data(), text.size());
-    name[text.size()] = '\0';
-    *nameSize = static_cast<DWORD>(text.size());
     if (type != nullptr) {
         *type = static_cast<DWORD>(stmt.Int(1));
     }
-    if (data != nullptr && *dataSize < bytes.size()) {
-        *dataSize = static_cast<DWORD>(bytes.size());
-        return ERROR_MORE_DATA;
-    }
-    if (data != nullptr && !bytes.empty()) {
-        std::memcpy(data, bytes.data(), bytes.size());
-    }
-    if (dataSize != nullptr) {
-        *dataSize = static_cast<DWORD>(bytes.size());
-    }
-    return ERROR_SUCCESS;
+    return CopyData(bytes, data, dataSize);
 }
 
 LONG SqliteRegistry::QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLength,
