@@ -21,10 +21,19 @@ int main(int argc, char** argv) {
     int failures = 0;
     for (int i = 0; i < count; ++i) {
         std::string name = prefix + std::to_string(i);
-        core::RegistryKey key("\\Shared", "SOFTWARE\\Test");
-        failures += key.SetDword(name, static_cast<platform::DWORD>(i)) != 0;
-        core::RegistryKey child("\\Shared\\" + name, "SOFTWARE\\Test");
-        failures += child.IsOpen() ? 0 : 1;
+        core::RegistryKey key;
+        platform::LONG rc = key.Open("\\Shared", "SOFTWARE\\Test");
+        if (rc == 0) {
+            rc = key.SetDword(name, static_cast<platform::DWORD>(i));
+        }
+        core::RegistryKey child;
+        if (rc == 0) {
+            rc = child.Open("\\Shared\\" + name, "SOFTWARE\\Test");
+        }
+        if (rc != 0) {
+            std::fprintf(stderr, "%s: error %d\n", name.c_str(), static_cast<int>(rc));
+            ++failures;
+        }
     }
     return failures == 0 ? 0 : 1;
 }

@@ -3,8 +3,10 @@
 #include <sqlite3.h>
 
 #include <cstring>
+#include <chrono>
 #include <filesystem>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "platform/Text.h"
@@ -269,7 +271,13 @@ LONG SqliteRegistry::EnsureOpen() {
         }
     }
     sqlite3_busy_timeout(m_db, m_busyTimeoutMs);
+    // Two processes opening a new store at once race for switching it to the write-ahead log;
+    // SQLite answers the loser at once with "busy" rather than waiting, so wait here too.
     LONG result = InitializeSchema();
+    for (int waitedMs = 0; result == ERROR_BUSY && waitedMs < m_busyTimeoutMs; waitedMs += 5) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        result = InitializeSchema();
+    }
     if (result != ERROR_SUCCESS) {
         CloseDatabase();
     }
