@@ -19,6 +19,7 @@
 #include "ui/ControlPanel.h"
 #include "ui/DialogSetup.h"
 #include "ui/QtMessages.h"
+#include "ui/UnattendedScript.h"
 #endif
 
 namespace qbrix::app {
@@ -54,6 +55,7 @@ struct AppShell::State {
     std::unique_ptr<ui::QtMessages> messages;
     std::unique_ptr<core::ScopedMessages> messagesScope;
     std::unique_ptr<ui::DialogSetup> dialogs;
+    bool unattended = false;
 #endif
 };
 
@@ -90,6 +92,7 @@ void AppShell::Init() {
     QString platform = QGuiApplication::platformName();
     // Real dialogs only where somebody can answer them; offscreen runs keep the console.
     bool unattended = platform == "offscreen" || platform == "minimal";
+    m_state->unattended = unattended;
     m_state->dialogs = std::make_unique<ui::DialogSetup>(unattended);
     if (!unattended) {
         m_state->messages = std::make_unique<ui::QtMessages>();
@@ -143,8 +146,13 @@ void AppShell::Run() {
             QTimer::singleShot(smokeSeconds * 1000, m_state->panel.get(),
                                [panel = m_state->panel.get()] { panel->ExitCommand(); });
         }
+        std::unique_ptr<ui::UnattendedScript> script;
+        if (m_state->unattended && m_state->panel != nullptr) {
+            script = ui::UnattendedScript::FromEnvironment(*m_state->panel);
+        }
         QApplication::exec();
         ::close(fd);
+        m_scriptFailed = script != nullptr && (script->Failed() || !script->Finished());
         return;
     }
 #endif

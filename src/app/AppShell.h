@@ -28,7 +28,10 @@ public:
 
     // Runs until Exit or the end of the session. With QBRIX_SMOKE_SECONDS=N the run ends by
     // itself after N seconds through the tray's Exit command (answered Yes when nobody can).
+    // An unattended run with QBRIX_SCRIPT=FILE plays that script meanwhile.
     void Run();
+    // True when the unattended run's script could not be played to its end.
+    bool ScriptFailed() const { return m_scriptFailed; }
     // The framework's exit handling: the panel goes, the application object stays until the
     // shutdown sequence has shown its messages.
     void Exit();
@@ -41,6 +44,7 @@ private:
     char** m_argv;
     std::function<void()> m_sessionEnd;
     bool m_sessionEnded = false;
+    bool m_scriptFailed = false;
     std::unique_ptr<State> m_state;
 };
 

@@ -13,6 +13,7 @@
 #include "ui/ProgramsPage.h"
 #include "ui/SettingsPage.h"
 #include "ui/StatisticsPage.h"
+#include "ui/UnattendedScript.h"
 #include "ui/ZoneSelector.h"
 #include "ui/ZonesPage.h"
 
@@ -43,7 +44,9 @@ ui::PanelParts BuildPanelParts() {
     parts.pollActivity = [activityPoll] { activityPoll->Run(); };
     auto contentPoll = std::make_shared<events::PollContent>(*contentLog);
     parts.drainContentEvents = [contentPoll] { contentPoll->Run(); };
-    auto statistics = std::make_shared<stats::StatisticsTick>();
+    // The statistics' clock is the system's, moved on by an unattended run's script.
+    auto statistics = std::make_shared<stats::StatisticsTick>(
+        [] { return stats::StatisticsTick::SystemClock() + ui::UnattendedScript::ClockOffset(); });
     parts.refreshStatistics = [statistics] { statistics->Run(); };
     parts.fillContentRulesMenu = [contentPage](QMenu* menu, bool greyed) {
         contentPage->FillTrayMenu(menu, greyed);

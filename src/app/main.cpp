@@ -74,6 +74,9 @@ int main(int argc, char** argv) {
         shell.Run();
     }
     int result = application.ExitInstance();
+    if (shell.ScriptFailed()) {
+        result = 1;
+    }
     // The content-event reader uses the platform: it stops before the platform goes.
     events::ResetContentEventQueue();
     return result;

@@ -5,6 +5,7 @@
 
 #include "core/StringTable.h"
 #include "ui/ContentDetailsDialog.h"
+#include "ui/DialogPresenter.h"
 #include "ui/LogList.h"
 
 namespace qbrix::ui {
@@ -21,7 +22,7 @@ ContentLogPage::ContentLogPage(QWidget* parent) : PropertyPage(Str(112), parent)
     setObjectName("ContentLogPage");
     m_runDetails = [this](const events::ContentEvent& event) {
         ContentDetailsDialog dialog(event, window());
-        dialog.exec();
+        CurrentPresenter().Present(dialog);
     };
     m_list = MakeLogList(this, {Str(37), Str(39), Str(38), Str(40)}, {80, 150, 150, 200});
 }

@@ -209,6 +209,7 @@ void ControlPanel::Tick() {
             (*step)();
         }
     }
+    emit Ticked();
 }
 
 }  // namespace qbrix::ui

@@ -78,6 +78,8 @@ public:
 signals:
     // The user confirmed Exit: the application should end its event loop.
     void ExitRequested();
+    // A timer tick has run its four steps.
+    void Ticked();
 
 protected:
     void closeEvent(QCloseEvent* event) override;

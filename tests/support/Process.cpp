@@ -109,12 +109,13 @@ ProcessResult RunProcess(const std::vector<std::string>& argv,
 }
 
 BackgroundProcess::BackgroundProcess(const std::vector<std::string>& argv,
-                                     const std::map<std::string, std::string>& env) {
+                                     const std::map<std::string, std::string>& env,
+                                     const std::string& errorFile) {
     int outPipe[2];
     if (::pipe2(outPipe, O_CLOEXEC) != 0) {
         throw std::runtime_error("pipe failed");
     }
-    int errFd = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    int errFd = ::open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     m_pid = Spawn(argv, env, outPipe[1], errFd);
     ::close(outPipe[1]);
     ::close(errFd);
@@ -164,6 +165,22 @@ int BackgroundProcess::Stop(int signal, int timeoutMs) {
             ::kill(m_pid, SIGKILL);
             ::waitpid(m_pid, &status, 0);
             m_pid = -1;
+            return -1;
+        }
+        ::usleep(10000);
+    }
+    m_pid = -1;
+    return ExitCodeOf(status);
+}
+
+int BackgroundProcess::Wait(int timeoutMs) {
+    if (m_pid <= 0) {
+        return -1;
+    }
+    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    int status = 0;
+    while (::waitpid(m_pid, &status, WNOHANG) == 0) {
+        if (RemainingMs(deadline) == 0) {
             return -1;
         }
         ::usleep(10000);

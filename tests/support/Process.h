@@ -29,12 +29,13 @@ ProcessResult RunProcess(const std::vector<std::string>& argv,
                          const std::map<std::string, std::string>& env = {},
                          int timeoutMs = 20000);
 
-// A child left running: its standard output is read line by line; killed and reaped when the
-// object goes.
+// A child left running: its standard output is read line by line, its error stream goes to
+// `errorFile` (default: nowhere); killed and reaped when the object goes.
 class BackgroundProcess {
 public:
     BackgroundProcess(const std::vector<std::string>& argv,
-                      const std::map<std::string, std::string>& env = {});
+                      const std::map<std::string, std::string>& env = {},
+                      const std::string& errorFile = "/dev/null");
     ~BackgroundProcess();
     BackgroundProcess(const BackgroundProcess&) = delete;
     BackgroundProcess& operator=(const BackgroundProcess&) = delete;
@@ -43,6 +44,9 @@ public:
     std::string ReadLine(int timeoutMs = 10000);
     // Sends a signal and waits for the exit status (-1 when it did not end within `timeoutMs`).
     int Stop(int signal, int timeoutMs = 10000);
+    // Waits for the child to end by itself: its exit status, or -1 when it still runs after
+    // `timeoutMs` (it is left running) or ended through a signal.
+    int Wait(int timeoutMs);
     pid_t Pid() const { return m_pid; }
 
 private:
