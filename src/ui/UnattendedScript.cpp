@@ -205,6 +205,8 @@ UnattendedScript::UnattendedScript(ControlPanel& panel, std::vector<ScriptStep> 
     connect(&m_panel, &ControlPanel::Ticked, this, [this] { ++m_ticks; });
     connect(&m_timer, &QTimer::timeout, this, &UnattendedScript::Advance);
     m_timer.start(kStepPeriodMs);
+    // The first steps run at the first turn of the event loop: the panel is ready then.
+    QTimer::singleShot(0, this, &UnattendedScript::Advance);
 }
 
 UnattendedScript::~UnattendedScript() = default;
