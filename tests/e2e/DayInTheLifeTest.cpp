@@ -330,5 +330,43 @@ TEST_F(DayInTheLifeTest, ADriverThatDiesUnderThePanelAndItsRestart) {
     EXPECT_EQ(0, Command("D").exitCode);
 }
 
+TEST_F(DayInTheLifeTest, AStoreHeldByAnotherProcessDelaysASaveAndASecondCopyEndsSilently) {
+    auto driver = StartDriver("");
+    std::string held = File("held");
+    auto program = StartProgram("timeout 60\n"
+                                "touch " + File("running") + "\n"
+                                "page Zones\n"
+                                "select DisableAll\n"
+                                "menu Delete\n"
+                                "wait file " + held + "\n"
+                                "press Save\n"
+                                "touch " + File("saved") + "\n"
+                                "exit\n");
+    ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(File("running")); }, 60s))
+        << ReadText(File("q-brix.err"));
+
+    // A second copy while the first runs ends at once, says nothing and changes nothing.
+    ProcessResult second = RunProcess({QBRIX_PROGRAM}, Environment(), 30000);
+    EXPECT_EQ(0, second.exitCode);
+    EXPECT_EQ(std::string::npos, second.err.find("[q-Brix")) << second.err;
+    EXPECT_EQ(-1, program->Wait(0));
+
+    // Another process keeps the store locked for three seconds: the save waits for it, and
+    // both its write and the saved zones are kept.
+    auto start = std::chrono::steady_clock::now();
+    ProcessResult holder = RunProcess({QBRIX_STORE_WRITER, m_platform.DataRoot(), "hold", "3000",
+                                       held}, {}, 30000);
+    ASSERT_EQ(0, holder.exitCode) << holder.err;
+    ASSERT_EQ(0, program->Wait(60000)) << ReadText(File("q-brix.err"));
+    EXPECT_GE(std::filesystem::last_write_time(File("saved")).time_since_epoch(),
+              std::filesystem::last_write_time(held).time_since_epoch() + 2s);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 3s);
+    policy::LoadZones();
+    EXPECT_EQ(nullptr, policy::FindZone("DisableAll"));
+    EXPECT_NE(nullptr, policy::FindZone("EnableAll"));
+    EXPECT_EQ(1u, core::RegistryKey("\\Held", "SOFTWARE\\Test").GetDword("Held", 0));
+    EXPECT_EQ(0, driver->Stop(SIGTERM));
+}
+
 }  // namespace
 }  // namespace qbrix::test
