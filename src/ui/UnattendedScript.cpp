@@ -322,6 +322,10 @@ bool UnattendedScript::RunStep(const ScriptStep& step) {
         return true;
     }
     QWidget* page = m_panel.Tabs()->currentWidget();
+    if (page == nullptr) {
+        Fail(step, "the panel shows no page");
+        return false;
+    }
     if (verb == "select") {
         QAbstractItemView* list = ListOf(page);
         QAbstractItemModel* model = list != nullptr ? list->model() : nullptr;
@@ -355,8 +359,11 @@ bool UnattendedScript::RunStep(const ScriptStep& step) {
         }
         m_answers->file = step.words[1];
         bool chosen = false;
-        // The menu runs its own loop: the choice is made from inside it, as a click would.
-        QTimer::singleShot(0, this, [&chosen, action = Shown(step.words[0])] {
+        // The menu runs its own loop: the choice is made from inside it, as a click would. The
+        // timer goes with this call, so a page that opens no menu leaves nothing pending.
+        QTimer chooser;
+        chooser.setSingleShot(true);
+        connect(&chooser, &QTimer::timeout, this, [&chosen, action = Shown(step.words[0])] {
             auto* menu = qobject_cast<QMenu*>(QApplication::activePopupWidget());
             if (menu == nullptr) {
                 return;
@@ -371,6 +378,7 @@ bool UnattendedScript::RunStep(const ScriptStep& step) {
             }
             menu->hide();
         });
+        chooser.start(0);
         QRect row = list->visualRect(list->currentIndex());
         emit list->customContextMenuRequested(row.isValid() ? row.center() : QPoint(4, 4));
         m_answers->file.clear();

@@ -3,11 +3,14 @@
 // processes.
 #include <gtest/gtest.h>
 
+#include <QListWidget>
+#include <QMenu>
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTest>
 #include <QVBoxLayout>
 
+#include "core/Messages.h"
 #include "support/TempPlatform.h"
 #include "ui/ControlPanel.h"
 #include "ui/UnattendedScript.h"
@@ -62,7 +65,19 @@ class UnattendedScriptRunTest : public ::testing::Test {
         PanelParts parts;
         auto* page = new PropertyPage("Zones");
         auto* button = new QPushButton("&Save", page);
+        auto* list = new QListWidget(page);
+        list->addItems({"Office", "Home"});
+        list->setContextMenuPolicy(Qt::CustomContextMenu);
+        QObject::connect(list, &QListWidget::customContextMenuRequested, [this, list](QPoint at) {
+            QMenu menu;
+            menu.addAction("Export", [this, list] {
+                m_exported.push_back(list->currentItem()->text().toStdString() + " to " +
+                                     core::CurrentMessages().AskSaveFileName("Export", "", "", ""));
+            });
+            menu.exec(list->viewport()->mapToGlobal(at));
+        });
         new QVBoxLayout(page);
+        page->layout()->addWidget(list);
         page->layout()->addWidget(button);
         QObject::connect(button, &QPushButton::clicked, [this] { ++m_saved; });
         parts.pages.push_back(page);
@@ -73,16 +88,23 @@ class UnattendedScriptRunTest : public ::testing::Test {
     test::ScriptedMessages m_messages;  // answers the Exit warning with its first button, Yes
     std::unique_ptr<ControlPanel> m_panel;
     int m_saved = 0;
+    std::vector<std::string> m_exported;
 };
 
 TEST_F(UnattendedScriptRunTest, StepsRunInOrderAndTheLastOneExits) {
     QSignalSpy exits(m_panel.get(), &ControlPanel::ExitRequested);
     std::int64_t clock = UnattendedScript::ClockOffset();
     std::string error;
-    UnattendedScript script(*m_panel,
-                            *ParseScript("page Zones\npress Save\nclock 40\nexit\n", &error));
+    UnattendedScript script(*m_panel, *ParseScript("page Zones\n"
+                                                   "select Home\n"
+                                                   "menu Export /tmp/home zone.xml\n"
+                                                   "press Save\n"
+                                                   "clock 40\n"
+                                                   "exit\n",
+                                                   &error));
     ASSERT_TRUE(QTest::qWaitFor([&] { return script.Finished(); }, 5000));
     EXPECT_FALSE(script.Failed());
+    EXPECT_EQ((std::vector<std::string>{"Home to /tmp/home zone.xml"}), m_exported);
     EXPECT_EQ(1, m_saved);
     EXPECT_EQ(clock + 40, UnattendedScript::ClockOffset());
     EXPECT_TRUE(QTest::qWaitFor([&] { return exits.count() == 1; }, 1000));
@@ -90,6 +112,8 @@ TEST_F(UnattendedScriptRunTest, StepsRunInOrderAndTheLastOneExits) {
 
 TEST_F(UnattendedScriptRunTest, AStepThatCannotBeDoneOrWaitsTooLongEndsTheRun) {
     for (const char* text : {"page Zones\npress Load\nclock 40\nexit\n",
+                             "page Zones\nselect Office\nmenu Import /tmp/a.xml\nclock 40\n",
+                             "page Zones\nselect Work\nclock 40\n",
                              "timeout 1\nwait ticks 5\nclock 40\nexit\n"}) {
         QSignalSpy exits(m_panel.get(), &ControlPanel::ExitRequested);
         std::int64_t clock = UnattendedScript::ClockOffset();
@@ -100,6 +124,7 @@ TEST_F(UnattendedScriptRunTest, AStepThatCannotBeDoneOrWaitsTooLongEndsTheRun) {
         EXPECT_TRUE(QTest::qWaitFor([&] { return exits.count() == 1; }, 1000)) << text;
         EXPECT_EQ(clock, UnattendedScript::ClockOffset()) << "the steps after it never ran";
     }
+    EXPECT_TRUE(m_exported.empty());
 }
 
 }  // namespace
