@@ -4,6 +4,7 @@
 // Also: the driver dying under a running panel, and the next day's start on a restarted driver.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -366,6 +367,37 @@ TEST_F(DayInTheLifeTest, AStoreHeldByAnotherProcessDelaysASaveAndASecondCopyEnds
     EXPECT_NE(nullptr, policy::FindZone("EnableAll"));
     EXPECT_EQ(1u, core::RegistryKey("\\Held", "SOFTWARE\\Test").GetDword("Held", 0));
     EXPECT_EQ(0, driver->Stop(SIGTERM));
+}
+
+// A data root the user cannot write: the single-instance mutex cannot be made there, so the
+// program ends at once without a word, and the store stays exactly as it was.
+TEST_F(DayInTheLifeTest, AReadOnlyDataRootEndsTheStartAndChangesNothing) {
+    if (::geteuid() != 0 || !std::filesystem::exists("/usr/bin/setpriv")) {
+        GTEST_SKIP() << "needs root to run the program as another user";
+    }
+    ASSERT_EQ(0, Command("I").exitCode);
+    std::filesystem::path top = std::filesystem::path(m_platform.DataRoot()).parent_path();
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(top)) {
+        std::filesystem::permissions(entry.path(),
+                                     entry.is_directory() ? std::filesystem::perms(0755)
+                                                          : std::filesystem::perms(0644));
+    }
+    std::filesystem::permissions(top, std::filesystem::perms(0755));
+    std::string store = ReadText(File("registry.db"));
+    ASSERT_FALSE(store.empty());
+
+    // An administrator (group sudo) who does not own the data root.
+    ProcessResult run = RunProcess({"/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534",
+                                    "--groups", "27", QBRIX_PROGRAM},
+                                   {{"QBRIX_ROOT", m_platform.DataRoot()},
+                                    {"QT_QPA_PLATFORM", "offscreen"},
+                                    {"QBRIX_SMOKE_SECONDS", "30"}},
+                                   30000);
+    EXPECT_FALSE(run.timedOut);
+    EXPECT_EQ(0, run.exitCode) << run.err;
+    EXPECT_EQ(std::string::npos, run.err.find("[q-Brix")) << run.err;
+    EXPECT_EQ(store, ReadText(File("registry.db")));
+    EXPECT_EQ(0, Command("D").exitCode);
 }
 
 }  // namespace
