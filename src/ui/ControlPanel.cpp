@@ -200,7 +200,21 @@ void ControlPanel::closeEvent(QCloseEvent* event) {
     }
 }
 
-void ControlPanel::OnTimer() { Tick(); }
+void ControlPanel::OnTimer() {
+    // The tick runs from a posted call, not inside the timer's own activation: Qt does not fire a
+    // timer again while its previous activation is still running, so a step that opens a modal
+    // dialog (the question about a program, the details of a found item) would otherwise stop
+    // every other step until the dialog closes. Posted calls are delivered by the dialog's loop,
+    // and each step's re-entry flag keeps the step with the open dialog from running twice.
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            if (!m_closing) {
+                Tick();
+            }
+        },
+        Qt::QueuedConnection);
+}
 
 void ControlPanel::Tick() {
     for (const auto* step : {&m_parts.askPendingApplication, &m_parts.pollActivity,

@@ -5,10 +5,14 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QComboBox>
+#include <QDialog>
+#include <QElapsedTimer>
 #include <QMenu>
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTabWidget>
+#include <QTest>
+#include <QTimer>
 #include <string>
 #include <vector>
 
@@ -149,6 +153,47 @@ TEST_F(ControlPanelTest, EachTickRunsTheFourStepsInOrder) {
     EXPECT_EQ((std::vector<std::string>{"ask", "activity", "content", "statistics", "ask", "activity",
                                         "content", "statistics"}),
               m_steps);
+}
+
+// A step that opens a modal dialog does not hold up the timer: while the dialog is open, the
+// following ticks run the other steps (the step with the dialog guards itself, as the real
+// steps do with their re-entry flags).
+TEST(ControlPanelTimerTest, TicksGoOnWhileAStepHoldsAModalDialogOpen) {
+    test::TempPlatform platform;
+    test::ScriptedMessages messages;
+    int asks = 0;
+    int asksWhileOpen = 0;
+    bool dialogOpen = false;
+    PanelParts parts;
+    parts.pages.push_back(new PropertyPage("Programs"));
+    parts.askPendingApplication = [&] {
+        ++asks;
+        if (dialogOpen) {
+            ++asksWhileOpen;
+        }
+    };
+    parts.drainContentEvents = [&] {
+        if (dialogOpen) {
+            return;  // the step's re-entry flag
+        }
+        dialogOpen = true;
+        QDialog dialog;
+        QTimer closer;
+        QElapsedTimer open;
+        open.start();
+        QObject::connect(&closer, &QTimer::timeout, [&] {
+            if (asksWhileOpen >= 2 || open.elapsed() > 5000) {
+                dialog.reject();
+            }
+        });
+        closer.start(20);
+        dialog.exec();
+        dialogOpen = false;
+    };
+    ControlPanel panel(std::move(parts));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return asks > 0 && !dialogOpen; }, 8000));
+    EXPECT_GE(asksWhileOpen, 2) << asks << " asks, " << asksWhileOpen
+                                << " while the dialog was open";
 }
 
 TEST_F(ControlPanelTest, TrayIconComesBackWhenTheTrayReturns) {
