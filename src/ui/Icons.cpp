@@ -173,4 +173,38 @@ QIcon ActivityIcon(int image) {
     return (*icons)[image & 3];
 }
 
+QPixmap CheckBoxBitmap(int id) {
+    if (id < 116 || id > 121) {
+        return QPixmap();
+    }
+    const bool settingsSet = id >= 119;
+    const int state = (id - 116) % 3;  // 0 not ticked, 1 ticked, 2 held down
+    constexpr int kSize = 13;
+    QPixmap pixmap(kSize, kSize);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const QRectF box(0.5, 0.5, kSize - 1, kSize - 1);
+    if (settingsSet) {
+        // Sunken: dark upper-left edge, light lower-right edge.
+        painter.fillRect(box, state == 2 ? QColor(0xe4, 0xe4, 0xe4) : Qt::white);
+        painter.setPen(QColor(0x80, 0x80, 0x80));
+        painter.drawLine(QPointF(0.5, 0.5), QPointF(kSize - 0.5, 0.5));
+        painter.drawLine(QPointF(0.5, 0.5), QPointF(0.5, kSize - 0.5));
+        painter.setPen(QColor(0xf0, 0xf0, 0xf0));
+        painter.drawLine(QPointF(kSize - 0.5, 0.5), QPointF(kSize - 0.5, kSize - 0.5));
+        painter.drawLine(QPointF(0.5, kSize - 0.5), QPointF(kSize - 0.5, kSize - 0.5));
+    } else {
+        painter.setPen(QColor(0x40, 0x40, 0x40));
+        painter.setBrush(state == 2 ? QColor(0xe4, 0xe4, 0xe4) : QColor(0xfa, 0xfa, 0xfa));
+        painter.drawRect(box);
+    }
+    if (state == 1) {
+        QColor tick = settingsSet ? QColor(0x2a, 0x6f, 0xd6) : QColor(0x20, 0x20, 0x20);
+        painter.setPen(QPen(tick, 2, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+        painter.drawPolyline(QPolygonF({QPointF(3, 6.5), QPointF(5.5, 9), QPointF(10, 3.5)}));
+    }
+    return pixmap;
+}
+
 }  // namespace qbrix::ui

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QIcon>
+#include <QPixmap>
 
 namespace qbrix::ui {
 
@@ -20,5 +21,11 @@ QIcon RuleLineIcon(int image);
 // The four images of an Internet log row: 0 incoming and 1 outgoing rejected, 2 incoming and
 // 3 outgoing approved connections.
 QIcon ActivityIcon(int image);
+
+// The bitmaps of the bitmap check boxes, 13 by 13: 116 to 118 and 119 to 121, each set not
+// ticked, ticked and held down (shaded, without a tick). The first set is a flat box with a dark tick; the second, the
+// settings page's, a sunken white box with the product's blue tick. Other numbers give an empty
+// pixmap.
+QPixmap CheckBoxBitmap(int id);
 
 }  // namespace qbrix::ui

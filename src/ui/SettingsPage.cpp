@@ -14,6 +14,7 @@
 #include "core/RegistryKey.h"
 #include "core/RegistryPaths.h"
 #include "platform/Platform.h"
+#include "ui/BitmapCheckBox.h"
 #include "ui/NumericEdit.h"
 
 namespace qbrix::ui {
@@ -21,6 +22,8 @@ namespace qbrix::ui {
 namespace {
 
 constexpr unsigned kSizeBound = 100;
+// The "Write Log File" boxes draw from the bitmaps 119 to 121.
+constexpr int kSettingsCheckBitmap = 119;
 
 // A list that tells its owner just before it opens, so it can be rebuilt.
 class OpeningComboBox : public QComboBox {
@@ -53,7 +56,7 @@ SettingsPage::SettingsPage(DefaultZoneBinding defaultZone,
                                       const char* browseId) {
         auto* group = new QGroupBox(title, this);
         auto* grid = new QGridLayout(group);
-        fields.use = new QCheckBox("Write Log File", group);
+        fields.use = new BitmapCheckBox("Write Log File", kSettingsCheckBitmap, group);
         fields.use->setObjectName(useId);
         grid->addWidget(fields.use, 0, 0, 1, 3);
         grid->addWidget(new QLabel("Log File Size", group), 1, 0);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
+#include <QImage>
 #include <QComboBox>
 #include <QLineEdit>
 #include <QPushButton>
@@ -13,6 +14,8 @@
 #include "core/RegistryPaths.h"
 #include "platform/Platform.h"
 #include "support/TempPlatform.h"
+#include "ui/BitmapCheckBox.h"
+#include "ui/Icons.h"
 #include "ui/SettingsPage.h"
 
 namespace qbrix::ui {
@@ -70,6 +73,38 @@ TEST_F(SettingsPageTest, FirstOpeningWritesEveryDefault) {
     EXPECT_EQ("", av.GetString("AVName", "x"));
     EXPECT_EQ("Disabled", Find<QComboBox>(*page, "266")->currentText().toStdString());
     EXPECT_FALSE(page->HasUnsavedChanges());
+}
+
+// The two "Write Log File" boxes draw their box from the bitmaps 119 (not ticked), 120 (ticked)
+// and 121 (held down), and what they show on screen follows.
+TEST_F(SettingsPageTest, LogBoxesAreBitmapCheckBoxes) {
+    auto page = MakePage();
+    page->resize(600, 500);
+    for (const char* id : {"205", "206"}) {
+        auto* box = Find<BitmapCheckBox>(*page, id);
+        ASSERT_NE(nullptr, box);
+        box->setChecked(false);
+        EXPECT_EQ(119, box->CurrentBitmap());
+        QImage unticked = box->grab().toImage();
+        box->setDown(true);
+        EXPECT_EQ(121, box->CurrentBitmap());
+        box->setDown(false);
+        box->setChecked(true);
+        EXPECT_EQ(120, box->CurrentBitmap());
+        QImage ticked = box->grab().toImage();
+        EXPECT_NE(unticked, ticked) << id;
+        // The ticked box shows the settings set's blue tick somewhere.
+        bool blue = false;
+        for (int y = 0; y < ticked.height() && !blue; ++y) {
+            for (int x = 0; x < 24 && x < ticked.width() && !blue; ++x) {
+                QColor pixel = ticked.pixelColor(x, y);
+                blue = pixel.blue() > 150 && pixel.red() < 120;
+            }
+        }
+        EXPECT_TRUE(blue) << id;
+    }
+    EXPECT_TRUE(CheckBoxBitmap(122).isNull());
+    EXPECT_EQ(QSize(13, 13), CheckBoxBitmap(116).size());
 }
 
 TEST_F(SettingsPageTest, SizeFieldsKeepANumberFromOneToAHundred) {
