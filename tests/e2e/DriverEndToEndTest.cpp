@@ -3,16 +3,13 @@
 // program's start-up and exit against the driver.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-#include <fcntl.h>
 
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -28,65 +25,12 @@
 #include "support/Process.h"
 #include "support/TempPlatform.h"
 
-extern char** environ;
-
 namespace qbrix::driver {
 namespace {
 
 using namespace std::chrono_literals;
 
-// A child process with its error output captured in a file.
-class Process {
-  public:
-    Process(std::vector<std::string> argv, std::vector<std::string> environment,
-            const std::string& errorFile) {
-        std::vector<char*> args;
-        for (std::string& word : argv) {
-            args.push_back(word.data());
-        }
-        args.push_back(nullptr);
-        for (char** entry = environ; *entry != nullptr; ++entry) {
-            environment.emplace_back(*entry);
-        }
-        std::vector<char*> env;
-        for (std::string& entry : environment) {
-            env.push_back(entry.data());
-        }
-        env.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 2, errorFile.c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        EXPECT_EQ(posix_spawn(&m_pid, args[0], &actions, nullptr, args.data(), env.data()), 0);
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    ~Process() {
-        if (m_pid > 0 && !m_ended) {
-            ::kill(m_pid, SIGKILL);
-            Wait(5s);
-        }
-    }
-    // The exit status, or -1 when the process has not ended in time.
-    int Wait(std::chrono::milliseconds limit) {
-        auto deadline = std::chrono::steady_clock::now() + limit;
-        while (std::chrono::steady_clock::now() < deadline) {
-            int status = 0;
-            if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-                m_ended = true;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            std::this_thread::sleep_for(10ms);
-        }
-        return -1;
-    }
-    void Signal(int number) { ::kill(m_pid, number); }
-
-  private:
-    pid_t m_pid = -1;
-    bool m_ended = false;
-};
-
+using ::qbrix::test::BackgroundProcess;
 using ::qbrix::test::WaitFor;
 
 class DriverEndToEndTest : public ::testing::TestWithParam<platform::Family> {
@@ -100,12 +44,12 @@ class DriverEndToEndTest : public ::testing::TestWithParam<platform::Family> {
         ResetDriverErrors();
     }
 
-    std::unique_ptr<Process> StartDriver(std::vector<std::string> extra = {}) {
+    std::unique_ptr<BackgroundProcess> StartDriver(std::vector<std::string> extra = {}) {
         std::vector<std::string> argv = {QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(),
                                          "--foreground"};
         argv.insert(argv.end(), extra.begin(), extra.end());
-        auto process = std::make_unique<Process>(argv, std::vector<std::string>{},
-                                                 m_platform.DataRoot() + "/driver.err");
+        auto process = std::make_unique<BackgroundProcess>(
+            argv, std::map<std::string, std::string>{}, m_platform.DataRoot() + "/driver.err");
         EXPECT_TRUE(WaitFor([] { return std::filesystem::exists(platform::DeviceSocketPath()); }));
         return process;
     }
@@ -186,8 +130,7 @@ TEST_P(DriverEndToEndTest, EveryRequestReachesTheReferenceDriver) {
 TEST_P(DriverEndToEndTest, ADriverThatDiesFailsRequestsWithoutHanging) {
     auto driver = StartDriver();
     ASSERT_EQ(OpenDriverDevice(1), 0);
-    driver->Signal(SIGKILL);
-    driver->Wait(5s);
+    driver->Stop(SIGKILL, 5000);
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(CheckDriverVersion(g_hDriver), 1);
     EXPECT_EQ(SetFilteringState(g_hDriver, 0), 1);
@@ -224,13 +167,14 @@ class ControlProgramTest : public ::testing::Test {
             GTEST_SKIP() << "the control program needs an administrator (root)";
         }
     }
-    std::unique_ptr<Process> Run(const std::string& command) {
+    std::unique_ptr<BackgroundProcess> Run(const std::string& command) {
         std::vector<std::string> argv = {QBRIX_BINARY};
         if (!command.empty()) {
             argv.push_back(command);
         }
-        return std::make_unique<Process>(
-            argv, std::vector<std::string>{"QBRIX_ROOT=" + m_platform.DataRoot()}, ErrorFile());
+        return std::make_unique<BackgroundProcess>(
+            argv, std::map<std::string, std::string>{{"QBRIX_ROOT", m_platform.DataRoot()}},
+            ErrorFile());
     }
     std::string ErrorFile() const { return m_platform.DataRoot() + "/q-brix.err"; }
     std::string Errors() const { return test::ReadFile(ErrorFile()); }
@@ -269,34 +213,32 @@ TEST_F(ControlProgramTest, TemporaryRunStartsTheDriverServiceAndRemovesItAtExit)
     EXPECT_TRUE(ServiceExists());
     // Past the version check the program keeps running with no message.
     std::this_thread::sleep_for(500ms);
-    EXPECT_EQ(program->Wait(0ms), -1) << Errors();
-    program->Signal(SIGTERM);
-    EXPECT_EQ(program->Wait(10s), 0);
+    EXPECT_EQ(program->Wait(0), -1) << Errors();
+    EXPECT_EQ(program->Stop(SIGTERM), 0);
     EXPECT_FALSE(ServiceExists());
     EXPECT_FALSE(std::filesystem::exists(platform::DeviceSocketPath()));
     EXPECT_EQ(ErrorsBesidesFirstRun(), "");
 }
 
 TEST_F(ControlProgramTest, NormalRunSwitchesFilteringOffAtExit) {
-    Process driver({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(), "--foreground"}, {},
-                   m_platform.DataRoot() + "/driver.err");
+    BackgroundProcess driver({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(), "--foreground"},
+                             {}, m_platform.DataRoot() + "/driver.err");
     ASSERT_TRUE(WaitFor([this] { return Status().rfind("ok filtering 1", 0) == 0; }));
     auto program = Run("");
     std::this_thread::sleep_for(700ms);
-    EXPECT_EQ(program->Wait(0ms), -1) << Errors();
-    program->Signal(SIGTERM);
-    EXPECT_EQ(program->Wait(10s), 0);
+    EXPECT_EQ(program->Wait(0), -1) << Errors();
+    EXPECT_EQ(program->Stop(SIGTERM), 0);
     EXPECT_EQ(Status().rfind("ok filtering 0", 0), 0u);
     EXPECT_EQ(ErrorsBesidesFirstRun(), "");
 }
 
 TEST_F(ControlProgramTest, AnotherVersionIsNotAValidDriverAndIsShownTwice) {
-    Process driver({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(), "--foreground",
-                    "--version-text", "\\3.1"},
-                   {}, m_platform.DataRoot() + "/driver.err");
+    BackgroundProcess driver({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(), "--foreground",
+                              "--version-text", "\\3.1"},
+                             {}, m_platform.DataRoot() + "/driver.err");
     ASSERT_TRUE(WaitFor([this] { return Status().rfind("ok", 0) == 0; }));
     auto program = Run("");
-    EXPECT_EQ(program->Wait(10s), 0);
+    EXPECT_EQ(program->Wait(10000), 0);
     std::string errors = Errors();
     std::size_t first = errors.find("error:valid driver not found");
     ASSERT_NE(first, std::string::npos) << errors;
@@ -305,7 +247,7 @@ TEST_F(ControlProgramTest, AnotherVersionIsNotAValidDriverAndIsShownTwice) {
 
 TEST_F(ControlProgramTest, NoDriverShowsTheOpenError) {
     auto program = Run("");
-    EXPECT_EQ(program->Wait(10s), 0);
+    EXPECT_EQ(program->Wait(10000), 0);
     EXPECT_NE(Errors().find("open handle:The system cannot find the file specified."),
               std::string::npos)
         << Errors();
