@@ -238,8 +238,10 @@ std::unique_ptr<UnattendedScript> UnattendedScript::FromEnvironment(ControlPanel
 
 std::int64_t UnattendedScript::ClockOffset() { return g_clockOffset.load(); }
 
+bool UnattendedScript::Failed() const { return m_failed || !m_answers->problem.empty(); }
+
 void UnattendedScript::Advance() {
-    // Menus and message boxes run their own event loops, in which this timer keeps firing.
+    // A step may run a nested event loop (a menu, a message box): no other step starts meanwhile.
     if (m_busy || m_failed) {
         return;
     }

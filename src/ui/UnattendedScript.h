@@ -61,7 +61,8 @@ class UnattendedScript : public QObject {
     // read or parsed is reported on the error stream and gives a script that fails at once.
     static std::unique_ptr<UnattendedScript> FromEnvironment(ControlPanel& panel);
 
-    bool Failed() const { return m_failed; }
+    // A step failed, or a question could not be answered as the script said.
+    bool Failed() const;
     bool Finished() const { return m_next >= m_steps.size(); }
 
     // The seconds the statistics clock has been moved on by scripts of this process.
