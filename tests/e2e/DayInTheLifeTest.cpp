@@ -19,10 +19,10 @@
 #include "DriverServer.h"
 #include "core/RegistryKey.h"
 #include "core/RegistryPaths.h"
-#include "policy/ZoneList.h"
 #include "platform/Services.h"
 #include "platform/SocketCatalog.h"
 #include "platform/Utf16.h"
+#include "policy/ZoneList.h"
 #include "policy/ZoneStore.h"
 #include "support/Process.h"
 #include "support/TempPlatform.h"
@@ -31,13 +31,6 @@ namespace qbrix::test {
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
@@ -181,7 +174,7 @@ TEST_F(DayInTheLifeTest, InstallWorkExitAndDeinstall) {
     // Three programs the driver has not seen go on line once the program runs; their traffic
     // moves when they have been given their zones.
     ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(File("running")); }, 60s))
-        << ReadText(File("q-brix.err"));
+        << ReadFile(File("q-brix.err"));
     for (const char* connection :
          {"browser.exe tcp out 93.184.216.34:80 1000000 path=C:\\Programs\\browser.exe",
           "mailer.exe tcp out 192.0.2.25:110 8000 path=C:\\Programs\\mailer.exe",
@@ -196,18 +189,18 @@ TEST_F(DayInTheLifeTest, InstallWorkExitAndDeinstall) {
     }
     // The exported zone comes back under another name.
     ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(exported); }, 90s))
-        << ReadText(File("q-brix.err"));
-    ASSERT_TRUE(WaitFor([&] { return ReadText(exported).find("</MASTER_ZONE>") !=
+        << ReadFile(File("q-brix.err"));
+    ASSERT_TRUE(WaitFor([&] { return ReadFile(exported).find("</MASTER_ZONE>") !=
                                      std::string::npos; }, 5s));
-    std::string zoneFile = ReadText(exported);
+    std::string zoneFile = ReadFile(exported);
     std::size_t name = zoneFile.find("NAME=\"Internet Client\"");
     ASSERT_NE(std::string::npos, name) << zoneFile;
     zoneFile.replace(name, 22, "NAME=\"Imported Client\"");
     std::ofstream(renamed + ".part") << zoneFile;
     std::filesystem::rename(renamed + ".part", renamed);
 
-    ASSERT_EQ(0, program->Wait(120000)) << ReadText(File("q-brix.err"));
-    std::string errors = ReadText(File("q-brix.err"));
+    ASSERT_EQ(0, program->Wait(120000)) << ReadFile(File("q-brix.err"));
+    std::string errors = ReadFile(File("q-brix.err"));
     EXPECT_EQ(std::string::npos, errors.find("q-brix script")) << errors;
     EXPECT_NE(std::string::npos, errors.find("ALL internet access will be enabled")) << errors;
 
@@ -216,8 +209,8 @@ TEST_F(DayInTheLifeTest, InstallWorkExitAndDeinstall) {
 
     // The Internet log file: each program with the rule of its zone that decided (the zone's
     // name when none did) and what became of it.
-    std::vector<std::string> internet = Lines(ReadText(File("firewall.log")));
-    ASSERT_EQ(3u, internet.size()) << ReadText(File("firewall.log"));
+    std::vector<std::string> internet = Lines(ReadFile(File("firewall.log")));
+    ASSERT_EQ(3u, internet.size()) << ReadFile(File("firewall.log"));
     std::map<std::string, std::string> seen;
     for (const std::string& line : internet) {
         EXPECT_EQ('\r', line.back());
@@ -237,8 +230,8 @@ TEST_F(DayInTheLifeTest, InstallWorkExitAndDeinstall) {
 
     // The content log file: a line for each kind, in the order sent; the found items and the
     // quiet reports of the same finding share their label.
-    std::vector<std::string> content = Lines(ReadText(File("content.log")));
-    ASSERT_EQ(6u, content.size()) << ReadText(File("content.log"));
+    std::vector<std::string> content = Lines(ReadFile(File("content.log")));
+    ASSERT_EQ(6u, content.size()) << ReadFile(File("content.log"));
     std::vector<std::string> labels;
     for (int kind = 0; kind < 6; ++kind) {
         const std::string& line = content[static_cast<std::size_t>(kind)];
@@ -306,14 +299,14 @@ TEST_F(DayInTheLifeTest, ADriverThatDiesUnderThePanelAndItsRestart) {
                                 "exit\n");
     ASSERT_TRUE(WaitFor([this] { return DriverStatus().find(" apps 1 ") != std::string::npos; },
                         60s))
-        << ReadText(File("q-brix.err"));
+        << ReadFile(File("q-brix.err"));
     EXPECT_EQ(-1, driver->Stop(SIGKILL));
     std::ofstream(crashed) << "";
 
     // The panel outlives its driver: the requests of its ticks and of Exit fail quietly, as
     // requests to a device that went away do, and the program ends normally.
-    ASSERT_EQ(0, program->Wait(60000)) << ReadText(File("q-brix.err"));
-    std::string errors = ReadText(File("q-brix.err"));
+    ASSERT_EQ(0, program->Wait(60000)) << ReadFile(File("q-brix.err"));
+    std::string errors = ReadFile(File("q-brix.err"));
     EXPECT_EQ(std::string::npos, errors.find("q-brix script")) << errors;
     EXPECT_NE(std::string::npos, errors.find("ALL internet access will be enabled")) << errors;
 
@@ -324,9 +317,9 @@ TEST_F(DayInTheLifeTest, ADriverThatDiesUnderThePanelAndItsRestart) {
                            "wait asked 1\n"
                            "wait rows 1 Internet Log\n"
                            "exit\n");
-    ASSERT_EQ(0, program->Wait(60000)) << ReadText(File("q-brix.err"));
+    ASSERT_EQ(0, program->Wait(60000)) << ReadFile(File("q-brix.err"));
     EXPECT_EQ(0u, DriverStatus().rfind("ok filtering 0 apps 1 ", 0)) << DriverStatus();
-    EXPECT_NE(std::string::npos, ReadText(File("firewall.log")).find("\tDisableAll\t"));
+    EXPECT_NE(std::string::npos, ReadFile(File("firewall.log")).find("\tDisableAll\t"));
     EXPECT_EQ(0, driver->Stop(SIGTERM));
     EXPECT_EQ(0, Command("D").exitCode);
 }
@@ -344,7 +337,7 @@ TEST_F(DayInTheLifeTest, AStoreHeldByAnotherProcessDelaysASaveAndASecondCopyEnds
                                 "touch " + File("saved") + "\n"
                                 "exit\n");
     ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(File("running")); }, 60s))
-        << ReadText(File("q-brix.err"));
+        << ReadFile(File("q-brix.err"));
 
     // A second copy while the first runs ends at once, says nothing and changes nothing.
     ProcessResult second = RunProcess({QBRIX_PROGRAM}, Environment(), 30000);
@@ -358,7 +351,7 @@ TEST_F(DayInTheLifeTest, AStoreHeldByAnotherProcessDelaysASaveAndASecondCopyEnds
     ProcessResult holder = RunProcess({QBRIX_STORE_WRITER, m_platform.DataRoot(), "hold", "3000",
                                        held}, {}, 30000);
     ASSERT_EQ(0, holder.exitCode) << holder.err;
-    ASSERT_EQ(0, program->Wait(60000)) << ReadText(File("q-brix.err"));
+    ASSERT_EQ(0, program->Wait(60000)) << ReadFile(File("q-brix.err"));
     EXPECT_GE(std::filesystem::last_write_time(File("saved")).time_since_epoch(),
               std::filesystem::last_write_time(held).time_since_epoch() + 2s);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 3s);
@@ -383,7 +376,7 @@ TEST_F(DayInTheLifeTest, AReadOnlyDataRootEndsTheStartAndChangesNothing) {
                                                           : std::filesystem::perms(0644));
     }
     std::filesystem::permissions(top, std::filesystem::perms(0755));
-    std::string store = ReadText(File("registry.db"));
+    std::string store = ReadFile(File("registry.db"));
     ASSERT_FALSE(store.empty());
 
     // An administrator (group sudo) who does not own the data root.
@@ -396,7 +389,7 @@ TEST_F(DayInTheLifeTest, AReadOnlyDataRootEndsTheStartAndChangesNothing) {
     EXPECT_FALSE(run.timedOut);
     EXPECT_EQ(0, run.exitCode) << run.err;
     EXPECT_EQ(std::string::npos, run.err.find("[q-Brix")) << run.err;
-    EXPECT_EQ(store, ReadText(File("registry.db")));
+    EXPECT_EQ(store, ReadFile(File("registry.db")));
     EXPECT_EQ(0, Command("D").exitCode);
 }
 
