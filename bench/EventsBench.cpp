@@ -5,8 +5,6 @@
 //   datagram socket and received directly;
 // - trimming a log file of 105 MB to its 100 MB limit, against copying a file of the same size.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -21,13 +19,12 @@
 #include <thread>
 #include <vector>
 
+#include "BenchProcess.h"
 #include "events/ContentEvent.h"
 #include "events/ContentEventQueue.h"
 #include "events/LogFile.h"
 #include "platform/Platform.h"
 #include "platform/posix/PosixPlatform.h"
-
-extern char** environ;
 
 namespace {
 
@@ -60,29 +57,12 @@ class BenchRoot {
     std::unique_ptr<platform::ScopedPlatform> m_platform;
 };
 
-pid_t Spawn(std::vector<std::string> argv) {
-    std::vector<char*> args;
-    for (std::string& word : argv) {
-        args.push_back(word.data());
-    }
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ) != 0) {
-        pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
 void BM_ContentEventBurst(benchmark::State& state) {
     BenchRoot root;
     events::ContentEvent event;
     events::TakeContentEvent(&event);  // the mailslot and its reader exist from the first take
     for (auto _ : state) {
-        pid_t sender = Spawn({QBRIX_EVENT_TOOL, "--root", root.DataRoot(), "--burst",
+        pid_t sender = bench::Spawn({QBRIX_EVENT_TOOL, "--root", root.DataRoot(), "--burst",
                               std::to_string(kBurst)});
         int taken = 0;
         while (taken < kBurst) {

@@ -8,9 +8,7 @@
 // first step writes a file then. The idle figures are taken after the start has settled;
 // QBRIX_BENCH_IDLE_SECONDS sets the idle span (60 by default).
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "BenchProcess.h"
 #include "driver/DriverControl.h"
 #include "driver/DriverErrors.h"
 #include "platform/Device.h"
@@ -33,40 +32,12 @@
 #include "policy/ZoneList.h"
 #include "policy/ZoneStore.h"
 
-extern char** environ;
-
 namespace {
 
 using namespace qbrix;
+using bench::Spawn;
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
-
-pid_t Spawn(std::vector<std::string> argv, const std::vector<std::string>& extraEnv) {
-    std::vector<std::string> env(extraEnv);
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        env.emplace_back(*entry);
-    }
-    std::vector<char*> args;
-    for (std::string& word : argv) {
-        args.push_back(word.data());
-    }
-    args.push_back(nullptr);
-    std::vector<char*> envp;
-    for (std::string& entry : env) {
-        envp.push_back(entry.data());
-    }
-    envp.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data()) != 0) {
-        pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
 
 void End(pid_t pid) {
     if (pid > 0) {
@@ -155,12 +126,20 @@ Root& Baseline() {
     return root;
 }
 
+// Starts the program on `root`; -1 (and the benchmark marked as failed) when it never got ready.
+pid_t StartOrSkip(benchmark::State& state, Root& root, Clock::duration* took) {
+    pid_t pid = root.StartProgram(took);
+    if (pid < 0) {
+        state.SkipWithError("the program did not get ready");
+    }
+    return pid;
+}
+
 void StartToReady(benchmark::State& state, Root& root) {
     for (auto _ : state) {
         Clock::duration took{};
-        pid_t pid = root.StartProgram(&took);
+        pid_t pid = StartOrSkip(state, root, &took);
         if (pid < 0) {
-            state.SkipWithError("the program did not get ready");
             return;
         }
         state.SetIterationTime(std::chrono::duration<double>(took).count());
@@ -215,9 +194,8 @@ int IdleSeconds() {
 void Idle(benchmark::State& state, Root& root) {
     for (auto _ : state) {
         Clock::duration took{};
-        pid_t pid = root.StartProgram(&took);
+        pid_t pid = StartOrSkip(state, root, &took);
         if (pid < 0) {
-            state.SkipWithError("the program did not get ready");
             return;
         }
         std::this_thread::sleep_for(5s);  // the first ticks and the start's work are over

@@ -64,14 +64,16 @@ class DayInTheLifeTest : public ::testing::Test {
         return RunProcess({QBRIX_PROGRAM, letter}, Environment(), 60000);
     }
 
-    // The reference driver as the system would have loaded it, playing `scenario`.
-    std::unique_ptr<BackgroundProcess> StartDriver(const std::string& scenario) {
-        std::string file = File("traffic.scenario");
-        std::ofstream(file) << scenario;
-        auto driver = std::make_unique<BackgroundProcess>(
-            std::vector<std::string>{QBRIX_DRIVER, "--root", m_platform.DataRoot(),
-                                     "--foreground", "--scenario", file},
-            Environment(), File("driver.err"));
+    // The reference driver as the system would have loaded it, playing `scenario` if given.
+    std::unique_ptr<BackgroundProcess> StartDriver(const std::string& scenario = {}) {
+        std::vector<std::string> argv = {QBRIX_DRIVER, "--root", m_platform.DataRoot(),
+                                         "--foreground"};
+        if (!scenario.empty()) {
+            argv.insert(argv.end(), {"--scenario", File("traffic.scenario")});
+            std::ofstream(argv.back()) << scenario;
+        }
+        auto driver =
+            std::make_unique<BackgroundProcess>(argv, Environment(), File("driver.err"));
         EXPECT_TRUE(WaitFor([this] { return DriverStatus().rfind("ok", 0) == 0; }, 10s));
         return driver;
     }
@@ -146,7 +148,7 @@ TEST_F(DayInTheLifeTest, InstallWorkExitAndDeinstall) {
     EXPECT_GT(installedCatalog.size(), seededCatalog.size() + 1);
     EXPECT_NE(std::string::npos, SystemTree().find("Services\\q-Brix\n"));
 
-    auto driver = StartDriver("");
+    auto driver = StartDriver();
     std::string exported = File("client.xml");
     std::string renamed = File("imported.xml");
     auto program = StartProgram(
@@ -325,7 +327,7 @@ TEST_F(DayInTheLifeTest, ADriverThatDiesUnderThePanelAndItsRestart) {
 }
 
 TEST_F(DayInTheLifeTest, AStoreHeldByAnotherProcessDelaysASaveAndASecondCopyEndsSilently) {
-    auto driver = StartDriver("");
+    auto driver = StartDriver();
     std::string held = File("held");
     auto program = StartProgram("timeout 60\n"
                                 "touch " + File("running") + "\n"

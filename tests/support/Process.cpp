@@ -158,19 +158,15 @@ int BackgroundProcess::Stop(int signal, int timeoutMs) {
         return -1;
     }
     ::kill(m_pid, signal);
-    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    int status = 0;
-    while (::waitpid(m_pid, &status, WNOHANG) == 0) {
-        if (RemainingMs(deadline) == 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, &status, 0);
-            m_pid = -1;
-            return -1;
-        }
-        ::usleep(10000);
+    int exitCode = Wait(timeoutMs);
+    if (m_pid > 0) {  // still running: it goes now
+        ::kill(m_pid, SIGKILL);
+        int status = 0;
+        ::waitpid(m_pid, &status, 0);
+        m_pid = -1;
+        return -1;
     }
-    m_pid = -1;
-    return ExitCodeOf(status);
+    return exitCode;
 }
 
 int BackgroundProcess::Wait(int timeoutMs) {

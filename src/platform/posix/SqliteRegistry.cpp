@@ -2,8 +2,8 @@
 
 #include <sqlite3.h>
 
-#include <cstring>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <thread>
