@@ -18,6 +18,15 @@ std::string BoundedText(const char (&field)[N]) {
     return std::string(field, strnlen(field, N));
 }
 
+// Appends one field of a log line. Fields come from other programs (any local program can send a
+// content event, and image names are chosen by whoever names the file), so a line break or a tab
+// inside one would start a forged line or column: each becomes a blank.
+void AppendField(std::string& line, std::string_view field) {
+    for (char c : field) {
+        line.push_back(c == '\r' || c == '\n' || c == '\t' ? ' ' : c);
+    }
+}
+
 }  // namespace
 
 std::string AddressText(std::uint32_t address, std::uint32_t protocol, std::uint16_t remotePort) {
@@ -74,7 +83,10 @@ std::string InternetLogLine(const ActivityFields& fields, std::string_view date,
                             std::string_view time) {
     std::string line;
     line.append(date).append("\t").append(time).append("\t");
-    line.append(fields.application).append("\t").append(fields.ruleName).append("\t");
+    AppendField(line, fields.application);
+    line.append("\t");
+    AppendField(line, fields.ruleName);
+    line.append("\t");
     line.append(AddressText(fields.address, fields.protocol, fields.remotePort)).append("\t");
     line.append(ResultText(fields.result)).append("\t");
     line.append(DirectionText(fields.direction)).append("\r\n");
@@ -116,8 +128,13 @@ std::string EventQuarantine(const ContentEvent& event) {
 
 std::string ContentLogLine(const ContentEvent& event) {
     std::string line = ContentKindLabel(event.type);
-    line.append("\t").append(EventName(event)).append("\t").append(EventAddress(event));
-    line.append("\t").append(EventQuarantine(event)).append("\r\n");
+    line.append("\t");
+    AppendField(line, EventName(event));
+    line.append("\t");
+    AppendField(line, EventAddress(event));
+    line.append("\t");
+    AppendField(line, EventQuarantine(event));
+    line.append("\r\n");
     return line;
 }
 

@@ -164,5 +164,24 @@ TEST(LogTextsTest, ContentLogLineBoundsFieldsWithoutTerminator) {
     EXPECT_EQ("\t\thttp://www.example.com/x.zip\t\r\n", ContentLogLine(event));
 }
 
+// Any local program can send an event and name a program: a line break or a tab inside a field
+// must not start a forged line or column of the log file.
+TEST(LogTextsTest, LineBreaksAndTabsInFieldsBecomeBlanks) {
+    ContentEvent event;
+    std::memset(&event, 0, sizeof(event));
+    event.type = 4;
+    std::memcpy(event.name, "a\r\nRule Applied\tb", 18);
+    std::memcpy(event.address, "x\ny", 3);
+    std::memcpy(event.quarantine, "q\tq", 3);
+    EXPECT_EQ("Rule Found\ta  Rule Applied b\tx y\tq q\r\n", ContentLogLine(event));
+
+    test::TempPlatform platform(platform::Family::Nt);
+    ActivityFields fields;
+    fields.application = "evil\r\n01/01/26\t00:00:00";
+    fields.ruleName = "r\tr";
+    EXPECT_EQ("\t\tevil  01/01/26 00:00:00\tr r\t\tapproved\t\r\n",
+              InternetLogLine(fields, "", ""));
+}
+
 }  // namespace
 }  // namespace qbrix::events
