@@ -47,10 +47,10 @@ protected:
             m_pages.push_back(page);
             parts.pages.push_back(page);
         }
-        parts.askPendingApplication = [this] { m_steps.push_back("ask"); };
-        parts.pollActivity = [this] { m_steps.push_back("activity"); };
-        parts.drainContentEvents = [this] { m_steps.push_back("content"); };
-        parts.refreshStatistics = [this] { m_steps.push_back("statistics"); };
+        parts.steps.askPendingApplication = [this] { m_steps.push_back("ask"); };
+        parts.steps.pollActivity = [this] { m_steps.push_back("activity"); };
+        parts.steps.drainContentEvents = [this] { m_steps.push_back("content"); };
+        parts.steps.refreshStatistics = [this] { m_steps.push_back("statistics"); };
         parts.fillContentRulesMenu = [this](QMenu* menu, bool greyed) {
             m_greyed.push_back(greyed);
             menu->addAction("Disable All")->setEnabled(!greyed);
@@ -166,13 +166,13 @@ TEST(ControlPanelTimerTest, TicksGoOnWhileAStepHoldsAModalDialogOpen) {
     bool dialogOpen = false;
     PanelParts parts;
     parts.pages.push_back(new PropertyPage("Programs"));
-    parts.askPendingApplication = [&] {
+    parts.steps.askPendingApplication = [&] {
         ++asks;
         if (dialogOpen) {
             ++asksWhileOpen;
         }
     };
-    parts.drainContentEvents = [&] {
+    parts.steps.drainContentEvents = [&] {
         if (dialogOpen) {
             return;  // the step's re-entry flag
         }
