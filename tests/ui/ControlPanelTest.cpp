@@ -82,10 +82,17 @@ TEST_F(ControlPanelTest, TitlePagesAndControls) {
     EXPECT_EQ("q-Brix Control", m_panel->TrayIcon()->toolTip().toStdString());
 }
 
-TEST_F(ControlPanelTest, CloseRequestsAreIgnored) {
+TEST_F(ControlPanelTest, CloseRequestsAreIgnoredUntilTheSessionEnds) {
     m_panel->ShowPanel(0);
     EXPECT_FALSE(m_panel->close());  // Alt+F4 and the window manager's close
     EXPECT_TRUE(m_panel->isVisible());
+    // The end of the session closes it without a question, and unsaved changes stay unsaved.
+    m_pages[0]->dirty = true;
+    m_panel->EndSession();
+    EXPECT_TRUE(m_panel->close());
+    EXPECT_FALSE(m_panel->isVisible());
+    EXPECT_TRUE(m_messages.shown.empty());
+    EXPECT_TRUE(m_pages[0]->decisions.empty());
 }
 
 TEST_F(ControlPanelTest, ExitAsksOnceAndEndsOnlyOnYes) {
