@@ -257,15 +257,14 @@ TEST_F(ControlProgramTest, WithoutADisplayTheLoopAnswersWithTheDefaultZoneAndLog
     // The event goes through once the program reads its mailslot.
     ASSERT_TRUE(WaitFor(
         [this] {
-            return test::RunProcess({QBRIX_EVENT_BINARY, "--root", m_platform.DataRoot(),
-                                     "--type", "4", "--address", "http://host/", "--name",
-                                     "Banner"})
+            return test::RunProcess({QBRIX_EVENT_BINARY, "--root", m_platform.DataRoot(), "--type",
+                                     "4", "--address", "http://host/", "--name", "Banner"})
                        .exitCode == 0;
         },
         20s))
         << Errors();
-    ASSERT_EQ(0, test::RunProcess({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(),
-                                   "--inject", "tool.exe tcp out 192.0.2.1:80 path=/opt/tool"})
+    ASSERT_EQ(0, test::RunProcess({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(), "--inject",
+                                   "tool.exe tcp out 192.0.2.1:80 path=/opt/tool"})
                      .exitCode);
     EXPECT_TRUE(WaitFor(
         [&] { return test::ReadFile(firewallLog).find("\tDisableAll\t") != std::string::npos; },
@@ -273,8 +272,9 @@ TEST_F(ControlProgramTest, WithoutADisplayTheLoopAnswersWithTheDefaultZoneAndLog
         << test::ReadFile(firewallLog) << Errors();
     EXPECT_NE(test::ReadFile(firewallLog).find("/opt/tool"), std::string::npos);
     EXPECT_TRUE(WaitFor(
-        [&] { return test::ReadFile(contentLog).find("\tBanner\thttp://host/\t") !=
-                     std::string::npos; },
+        [&] {
+            return test::ReadFile(contentLog).find("\tBanner\thttp://host/\t") != std::string::npos;
+        },
         20s))
         << test::ReadFile(contentLog);
     EXPECT_EQ(program->Wait(0), -1) << Errors();

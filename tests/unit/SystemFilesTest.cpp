@@ -90,12 +90,12 @@ TEST_P(DataRootTest, PicksTheRootOfTheMachineOnceInstalled) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, DataRootTest,
-    ::testing::Values(
-        DataRootCase{"OverrideWins", "/tmp/mine", true, true, "", "/tmp/mine"},
-        DataRootCase{"RootAlways", "", true, false, "/s", "MACHINE"},
-        DataRootCase{"AdministratorOnceInstalled", "", false, true, "/s", "MACHINE"},
-        DataRootCase{"UninstalledStateHome", "", false, false, "/s", "/s/q-brix"},
-        DataRootCase{"UninstalledHome", "", false, false, "", "/home/ann/.local/state/q-brix"}),
+    ::testing::Values(DataRootCase{"OverrideWins", "/tmp/mine", true, true, "", "/tmp/mine"},
+                      DataRootCase{"RootAlways", "", true, false, "/s", "MACHINE"},
+                      DataRootCase{"AdministratorOnceInstalled", "", false, true, "/s", "MACHINE"},
+                      DataRootCase{"UninstalledStateHome", "", false, false, "/s", "/s/q-brix"},
+                      DataRootCase{"UninstalledHome", "", false, false, "",
+                                   "/home/ann/.local/state/q-brix"}),
     [](const ::testing::TestParamInfo<DataRootCase>& info) { return info.param.name; });
 
 TEST(MachineDataRootTest, InstallSharesItWithTheAdministratorsOnlyAndDeinstallUnmarksIt) {
@@ -112,7 +112,7 @@ TEST(MachineDataRootTest, InstallSharesItWithTheAdministratorsOnlyAndDeinstallUn
     ASSERT_EQ(ShareMachineDataRoot(root), 0);
     EXPECT_TRUE(IsInstalledDataRoot(root));
     for (const char* path : {"", "/run", "/registry.db"}) {
-        struct stat info{};
+        struct stat info {};
         ASSERT_EQ(::stat((root + path).c_str(), &info), 0) << path;
         EXPECT_EQ(info.st_uid, 0u) << path;
         EXPECT_EQ(info.st_gid, administrators) << path;
