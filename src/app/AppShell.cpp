@@ -5,13 +5,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <string>
 
+#include "app/MainLoop.h"
+
 #ifdef QBRIX_HAVE_UI
+#include <QAbstractEventDispatcher>
 #include <QApplication>
 #include <QGuiApplication>
-#include <QSessionManager>
 #include <QSocketNotifier>
 #include <QTimer>
 
@@ -48,7 +51,31 @@ int SmokeSeconds() {
 
 }  // namespace
 
+#ifdef QBRIX_HAVE_UI
+// Sees the application's quit requests. Exit has already let the panel close; any other quit is
+// the desktop session ending (the session manager's termination arrives as one).
+class QuitWatch : public QObject {
+  public:
+    QuitWatch(ui::ControlPanel& panel, std::function<void()> sessionEnd)
+        : m_panel(panel), m_sessionEnd(std::move(sessionEnd)) {}
+
+  protected:
+    bool eventFilter(QObject* watched, QEvent* event) override {
+        if (event->type() == QEvent::Quit && !m_panel.ExitConfirmed()) {
+            m_sessionEnd();
+            return true;
+        }
+        return QObject::eventFilter(watched, event);
+    }
+
+  private:
+    ui::ControlPanel& m_panel;
+    std::function<void()> m_sessionEnd;
+};
+#endif
+
 struct AppShell::State {
+    std::unique_ptr<ConsoleLoop> console;
 #ifdef QBRIX_HAVE_UI
     std::unique_ptr<QApplication> application;
     std::unique_ptr<ui::ControlPanel> panel;
@@ -66,6 +93,7 @@ AppShell::AppShell(int& argc, char** argv) : m_argc(argc), m_argv(argv), m_state
 }
 
 AppShell::~AppShell() {
+    m_state->console.reset();
 #ifdef QBRIX_HAVE_UI
     m_state->messagesScope.reset();
     m_state->panel.reset();
@@ -103,16 +131,15 @@ void AppShell::Init() {
 
 core::MainWindow* AppShell::CreatePanel() {
 #ifdef QBRIX_HAVE_UI
-    if (m_state->application == nullptr) {
-        return nullptr;
+    if (m_state->application != nullptr) {
+        m_state->panel = std::make_unique<ui::ControlPanel>(BuildPanelParts());
+        QObject::connect(m_state->panel.get(), &ui::ControlPanel::ExitRequested,
+                         m_state->application.get(), &QCoreApplication::quit);
+        return m_state->panel.get();
     }
-    m_state->panel = std::make_unique<ui::ControlPanel>(BuildPanelParts());
-    QObject::connect(m_state->panel.get(), &ui::ControlPanel::ExitRequested,
-                     m_state->application.get(), &QCoreApplication::quit);
-    return m_state->panel.get();
-#else
-    return nullptr;
 #endif
+    m_state->console = std::make_unique<ConsoleLoop>();
+    return nullptr;
 }
 
 void AppShell::EndSession() {
@@ -130,18 +157,37 @@ void AppShell::Run() {
     int smokeSeconds = SmokeSeconds();
 #ifdef QBRIX_HAVE_UI
     if (m_state->application != nullptr) {
+        // The end of the session ends the program whatever is open: the shutdown runs, the
+        // panel may close, and every event loop stops, a modal dialog's included; a loop that a
+        // dialog starts afterwards stops as soon as it would wait.
+        auto endSession = [this] {
+            if (m_state->panel != nullptr) {
+                m_state->panel->EndSession();
+            }
+            EndSession();
+            QCoreApplication::exit(0);
+        };
         int fd = signalfd(-1, &endSignals, SFD_CLOEXEC | SFD_NONBLOCK);
         QSocketNotifier notifier(fd, QSocketNotifier::Read);
-        QObject::connect(&notifier, &QSocketNotifier::activated, [this, fd] {
+        QObject::connect(&notifier, &QSocketNotifier::activated, [fd, endSession] {
             signalfd_siginfo info;
             while (::read(fd, &info, sizeof(info)) == sizeof(info)) {
             }
-            EndSession();
-            QCoreApplication::quit();
+            endSession();
         });
-        // The desktop session is ending: the same shutdown as a signal.
-        QObject::connect(m_state->application.get(), &QGuiApplication::commitDataRequest,
-                         [this] { EndSession(); });
+        QObject::connect(QAbstractEventDispatcher::instance(),
+                         &QAbstractEventDispatcher::aboutToBlock, [this] {
+                             if (m_sessionEnded) {
+                                 QCoreApplication::exit(0);
+                             }
+                         });
+        // A session save or a logout the user may still cancel (commitDataRequest) is not the
+        // end; the session manager's termination is, and arrives as a quit request.
+        std::unique_ptr<QuitWatch> quitWatch;
+        if (m_state->panel != nullptr) {
+            quitWatch = std::make_unique<QuitWatch>(*m_state->panel, endSession);
+            m_state->application->installEventFilter(quitWatch.get());
+        }
         if (smokeSeconds > 0 && m_state->panel != nullptr) {
             QTimer::singleShot(smokeSeconds * 1000, m_state->panel.get(),
                                [panel = m_state->panel.get()] { panel->ExitCommand(); });
@@ -152,23 +198,33 @@ void AppShell::Run() {
         }
         QApplication::exec();
         ::close(fd);
-        m_scriptFailed = script != nullptr && (script->Failed() || !script->Finished());
+        // A script cut short by the end of the session has not failed.
+        m_scriptFailed =
+            script != nullptr && (script->Failed() || (!script->Finished() && !m_sessionEnded));
         return;
     }
 #endif
-    if (smokeSeconds > 0) {
-        timespec limit{smokeSeconds, 0};
-        if (sigtimedwait(&endSignals, nullptr, &limit) > 0) {
+    // Without a display: the main loop's steps once a second until the session ends (or the
+    // smoke run's time is up).
+    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(smokeSeconds);
+    for (;;) {
+        constexpr int kPeriodMs = core::MainLoopSteps::kPeriodMs;
+        timespec period{kPeriodMs / 1000, kPeriodMs % 1000 * 1000000L};
+        if (sigtimedwait(&endSignals, nullptr, &period) > 0) {
             EndSession();
+            return;
         }
-        return;
+        if (smokeSeconds > 0 && std::chrono::steady_clock::now() >= limit) {
+            return;
+        }
+        if (m_state->console != nullptr) {
+            m_state->console->Tick();
+        }
     }
-    int received = 0;
-    sigwait(&endSignals, &received);
-    EndSession();
 }
 
 void AppShell::Exit() {
+    m_state->console.reset();
 #ifdef QBRIX_HAVE_UI
     m_state->panel.reset();
 #endif

@@ -1,6 +1,6 @@
 // The windowing side of the program: the Qt application and the control panel when there is a
-// display, a console otherwise (messages on the error stream, the program runs until the
-// session ends).
+// display, a console otherwise (messages on the error stream, the main loop's steps once a
+// second until the session ends).
 #pragma once
 
 #include <functional>
@@ -11,7 +11,7 @@
 namespace qbrix::app {
 
 class AppShell {
-public:
+  public:
     AppShell(int& argc, char** argv);
     ~AppShell();
 
@@ -21,9 +21,12 @@ public:
     // The framework's own initialisation: creates the Qt application and installs the dialog
     // facade when there is a display.
     void Init();
+    // The control panel; without a display, the console loop (and no window).
     core::MainWindow* CreatePanel();
     // Called once when the session ends (SIGTERM, SIGINT, SIGHUP, or the desktop session's
-    // end), before the event loop stops: the shutdown that the session-end notification runs.
+    // termination, which arrives as a quit request that is not Exit's), before the event loop
+    // stops: the shutdown that the session-end notification runs. A session save or a logout
+    // that may still be cancelled is not the end. The program then ends, whatever is open.
     void SetSessionEndHandler(std::function<void()> handler) { m_sessionEnd = std::move(handler); }
 
     // Runs until Exit or the end of the session. With QBRIX_SMOKE_SECONDS=N the run ends by
@@ -36,7 +39,7 @@ public:
     // shutdown sequence has shown its messages.
     void Exit();
 
-private:
+  private:
     struct State;
     void EndSession();
 

@@ -3,10 +3,8 @@
 #include <memory>
 
 #include "antivirus/AntivirusSelfTest.h"
+#include "app/MainLoop.h"
 #include "content/LspSettings.h"
-#include "events/PollActivity.h"
-#include "events/PollContent.h"
-#include "stats/StatisticsTick.h"
 #include "ui/ContentLogPage.h"
 #include "ui/ContentPage.h"
 #include "ui/InternetLogPage.h"
@@ -38,16 +36,10 @@ ui::PanelParts BuildPanelParts() {
         contentLog,
     };
     parts.bindZoneOverride = ui::BindOverrideSelector;
-    // The four steps of every tick, in their order.
-    parts.askPendingApplication = [programs] { programs->AskPendingApplication(); };
-    auto activityPoll = std::make_shared<events::PollActivity>(*internetLog);
-    parts.pollActivity = [activityPoll] { activityPoll->Run(); };
-    auto contentPoll = std::make_shared<events::PollContent>(*contentLog);
-    parts.drainContentEvents = [contentPoll] { contentPoll->Run(); };
     // The statistics' clock is the system's, moved on by an unattended run's script.
-    auto statistics = std::make_shared<stats::StatisticsTick>(
+    parts.steps = BuildMainLoopSteps(
+        [programs] { programs->AskPendingApplication(); }, *internetLog, *contentLog,
         [] { return stats::StatisticsTick::SystemClock() + ui::UnattendedScript::ClockOffset(); });
-    parts.refreshStatistics = [statistics] { statistics->Run(); };
     parts.fillContentRulesMenu = [contentPage](QMenu* menu, bool greyed) {
         contentPage->FillTrayMenu(menu, greyed);
     };

@@ -1,7 +1,10 @@
 // q-brix: the control program. The first letter of the command text picks the job: I installs
 // the filtering components, D removes them, T runs with them installed for this run only, and
-// anything else starts the control program. `q-brix --render-pages DIR` writes a PNG of every
-// page and dialog instead.
+// anything else starts the control program. Run by root on the machine's data root, I also
+// opens that root to the administrator groups and D closes it again. `q-brix --render-pages DIR`
+// writes a PNG of every page and dialog instead.
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -54,6 +57,22 @@ int RenderPagesMain(int argc, char** argv) {
 #endif
 }
 
+// Installed by root on the machine's data root, the product is the machine's: every
+// administrator uses that root from now on, and a root of his own again once it is removed.
+void ShareOrUnshareMachineRoot(qbrix::core::StartCommand command) {
+    using namespace qbrix;
+    const std::string& root = platform::Current().Info().dataRoot;
+    if (::geteuid() != 0 || root != platform::kMachineDataRoot) {
+        return;
+    }
+    if (command == core::StartCommand::Install && platform::ShareMachineDataRoot(root) != 0) {
+        std::fprintf(stderr, "q-brix: cannot share %s with the administrator groups\n",
+                     root.c_str());
+    } else if (command == core::StartCommand::Deinstall) {
+        platform::UnshareMachineDataRoot(root);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -73,6 +92,7 @@ int main(int argc, char** argv) {
     if (application.InitInstance()) {
         shell.Run();
     }
+    ShareOrUnshareMachineRoot(core::ParseStartCommand(CommandText(argc, argv)));
     int result = application.ExitInstance();
     if (shell.ScriptFailed()) {
         result = 1;

@@ -125,6 +125,22 @@ bool PermissionDialog(AppRecord& record, bool askMode) {
     return g_permissionLauncher.load()->Run(record, askMode);
 }
 
+bool DefaultZoneLauncher::Run(AppRecord& record, bool askMode) {
+    if (!askMode) {
+        return false;
+    }
+    ComboItemList items;
+    PermissionDialogModel dialog(record, true, items);
+    dialog.Zone().Fill(nullptr, nullptr);  // selects the stored default zone
+    ZoneRecord chosen = EmptyZone();
+    if (dialog.Zone().GetSelectedZone(chosen) != 0) {
+        core::DiagLog("\n no default zone for (%s)", ImageName(record).c_str());
+        return false;
+    }
+    dialog.Accept();
+    return true;
+}
+
 int ProgramList::FindRow(std::string_view imageName) const {
     for (int i = 0; i < Count(); ++i) {
         if (m_rows[i].imageName == imageName) {
@@ -237,6 +253,17 @@ int ProgramList::DecidePendingQuestion(AppRecord& record,
     driver::AnswerPendingQuestion(driver::g_hDriver, record);
     AddProgram(record);
     return 1;
+}
+
+bool AskPendingApplication(ProgramList& list, const std::function<void()>& beforeAsking) {
+    AppRecord record;
+    std::memset(&record, 0, sizeof record);
+    if (driver::TakePendingQuestion(driver::g_hDriver, &record) == 0) {
+        return false;
+    }
+    core::DiagLog("\n askprocess '%s'", ImageName(record).c_str());
+    list.DecidePendingQuestion(record, beforeAsking);
+    return true;
 }
 
 }  // namespace qbrix::policy

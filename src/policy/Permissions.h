@@ -82,6 +82,14 @@ class ScopedPermissionDialogLauncher {
 
 bool PermissionDialog(AppRecord& record, bool askMode);
 
+// The launcher where nobody can be asked (no display): a question gets the default zone (the
+// stored "DefZone") as if the user had chosen it and pressed OK; without a default zone that
+// exists, and for an edit, it is cancelled.
+class DefaultZoneLauncher : public PermissionDialogLauncher {
+  public:
+    bool Run(AppRecord& record, bool askMode) override;
+};
+
 // The Programs page's rows: description, zone name, path and image name (the key).
 class ProgramList {
   public:
@@ -127,5 +135,9 @@ class ProgramList {
     int m_selected = -1;
     int m_iconsAdded = 0;
 };
+
+// The question step of every tick, whatever shows it: takes one question from the driver, logs
+// it and decides it in `list` (DecidePendingQuestion). false when none was pending.
+bool AskPendingApplication(ProgramList& list, const std::function<void()>& beforeAsking = {});
 
 }  // namespace qbrix::policy

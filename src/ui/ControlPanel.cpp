@@ -26,7 +26,9 @@ namespace {
 constexpr char kVersionText[] = "3.1.091";
 constexpr int kTipLength = 127;
 
-QString Str(int id) { return QString::fromStdString(core::LoadString(id)); }
+QString Str(int id) {
+    return QString::fromStdString(core::LoadString(id));
+}
 
 }  // namespace
 
@@ -191,8 +193,14 @@ void ControlPanel::ExitCommand() {
     emit ExitRequested();
 }
 
+void ControlPanel::EndSession() {
+    m_closing = true;
+    m_timer.stop();
+}
+
 void ControlPanel::closeEvent(QCloseEvent* event) {
-    // No close box, and Alt+F4 does nothing: only Exit closes the panel.
+    // No close box, and Alt+F4 does nothing: only Exit or the end of the session closes the
+    // panel.
     if (m_closing) {
         event->accept();
     } else {
@@ -217,12 +225,7 @@ void ControlPanel::OnTimer() {
 }
 
 void ControlPanel::Tick() {
-    for (const auto* step : {&m_parts.askPendingApplication, &m_parts.pollActivity,
-                             &m_parts.drainContentEvents, &m_parts.refreshStatistics}) {
-        if (*step) {
-            (*step)();
-        }
-    }
+    m_parts.steps.Run();
     emit Ticked();
 }
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/ControlApp.h"
+#include "core/MainLoopSteps.h"
 #include "ui/PropertyPage.h"
 
 class QComboBox;
@@ -29,12 +30,8 @@ struct PanelParts {
     // Content Log. The panel takes ownership.
     std::vector<PropertyPage*> pages;
     int settingsPageIndex = 4;
-    // The four steps of every tick, in this order. Each step guards itself against re-entry
-    // (the timer keeps firing while a step's modal dialog is open).
-    std::function<void()> askPendingApplication;
-    std::function<void()> pollActivity;
-    std::function<void()> drainContentEvents;
-    std::function<void()> refreshStatistics;
+    // The four steps of every tick.
+    core::MainLoopSteps steps;
     // Binds the "Zone Override" selector (its empty first item is already there).
     std::function<void(QComboBox* selector)> bindZoneOverride;
     // Fills the tray's "Content Rules" pop-up; `greyed` while the panel is visible.
@@ -43,8 +40,8 @@ struct PanelParts {
 
 class ControlPanel : public QWidget, public core::MainWindow {
     Q_OBJECT
-public:
-    static constexpr int kTimerPeriodMs = 1000;
+  public:
+    static constexpr int kTimerPeriodMs = core::MainLoopSteps::kPeriodMs;
     static constexpr int kAboutCommand = 5008;
     static constexpr int kSettingCommand = 5009;
     static constexpr int kShowPanelCommand = 5010;
@@ -59,6 +56,9 @@ public:
     void ShowAbout();
     void OpenHelp();
     void ExitCommand();
+    // The session ends: the panel may close now and its timer stops, with neither the Exit
+    // prompt nor the page save check (nothing is saved that the user did not save).
+    void EndSession();
     // The OK ("Close") button: page save check, then hide.
     void HidePanel();
     // Asks the active page to save or discard its unsaved changes.
@@ -75,16 +75,16 @@ public:
     QSystemTrayIcon* TrayIcon() const { return m_tray.get(); }
     bool ExitConfirmed() const { return m_closing; }
 
-signals:
+  signals:
     // The user confirmed Exit: the application should end its event loop.
     void ExitRequested();
     // A timer tick has run its four steps.
     void Ticked();
 
-protected:
+  protected:
     void closeEvent(QCloseEvent* event) override;
 
-private:
+  private:
     void OnTrayActivated(QSystemTrayIcon::ActivationReason reason);
     void OnTimer();
 

@@ -176,16 +176,8 @@ void ProgramsPage::AskPendingApplication() {
         return;
     }
     m_asking = true;
-    policy::AppRecord record;
-    std::memset(&record, 0, sizeof record);
-    if (driver::TakePendingQuestion(driver::g_hDriver, &record) == 0) {
-        m_asking = false;
-        return;
-    }
-    std::string imageName(driver::FieldText(record.imageName));
-    core::DiagLog("\n askprocess '%s'", imageName.c_str());
     bool asked = false;
-    int answered = m_model.DecidePendingQuestion(record, [this, &asked] {
+    bool taken = policy::AskPendingApplication(m_model, [this, &asked] {
         asked = true;
         ShowRows();
         core::CurrentMessages().Beep(core::MB_OK);
@@ -194,8 +186,9 @@ void ProgramsPage::AskPendingApplication() {
     if (asked) {
         BringPanelToFront(false);
     }
-    (void)answered;
-    ShowRows();
+    if (taken) {
+        ShowRows();
+    }
     m_asking = false;
 }
 

@@ -364,6 +364,20 @@ TEST_F(DayInTheLifeTest, AStoreHeldByAnotherProcessDelaysASaveAndASecondCopyEnds
     EXPECT_EQ(0, driver->Stop(SIGTERM));
 }
 
+// The end of the session (here SIGTERM) while the panel is showing: the shutdown runs and the
+// program, its panel and its tray icon go.
+TEST_F(DayInTheLifeTest, TheSessionsEndWithThePanelShowingEndsTheProgram) {
+    auto driver = StartDriver();
+    auto program = StartProgram("page Programs\n"
+                                "wait ticks 1\n"
+                                "touch " + File("running") + "\n");
+    ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(File("running")); }, 60s))
+        << ReadFile(File("q-brix.err"));
+    EXPECT_EQ(0, program->Stop(SIGTERM, 30000)) << ReadFile(File("q-brix.err"));
+    EXPECT_EQ(0u, DriverStatus().rfind("ok filtering 0", 0)) << DriverStatus();
+    EXPECT_EQ(0, driver->Stop(SIGTERM));
+}
+
 // A data root the user cannot write: the single-instance mutex cannot be made there, so the
 // program ends at once without a word, and the store stays exactly as it was.
 TEST_F(DayInTheLifeTest, AReadOnlyDataRootEndsTheStartAndChangesNothing) {

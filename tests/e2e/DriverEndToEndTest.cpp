@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "DriverServer.h"
+#include "core/RegistryKey.h"
+#include "core/RegistryPaths.h"
 #include "driver/DriverControl.h"
 #include "driver/DriverErrors.h"
 #include "platform/Device.h"
@@ -167,13 +169,18 @@ class ControlProgramTest : public ::testing::Test {
             GTEST_SKIP() << "the control program needs an administrator (root)";
         }
     }
+    // Started without a display.
     std::unique_ptr<BackgroundProcess> Run(const std::string& command) {
         std::vector<std::string> argv = {QBRIX_BINARY};
         if (!command.empty()) {
             argv.push_back(command);
         }
         return std::make_unique<BackgroundProcess>(
-            argv, std::map<std::string, std::string>{{"QBRIX_ROOT", m_platform.DataRoot()}},
+            argv,
+            std::map<std::string, std::string>{{"QBRIX_ROOT", m_platform.DataRoot()},
+                                               {"QT_QPA_PLATFORM", ""},
+                                               {"DISPLAY", ""},
+                                               {"WAYLAND_DISPLAY", ""}},
             ErrorFile());
     }
     std::string ErrorFile() const { return m_platform.DataRoot() + "/q-brix.err"; }
@@ -230,6 +237,49 @@ TEST_F(ControlProgramTest, NormalRunSwitchesFilteringOffAtExit) {
     EXPECT_EQ(program->Stop(SIGTERM), 0);
     EXPECT_EQ(Status().rfind("ok filtering 0", 0), 0u);
     EXPECT_EQ(ErrorsBesidesFirstRun(), "");
+}
+
+// Without a display the main loop runs by itself: an unknown program gets the default zone, its
+// traffic and a content event reach the two log files, and SIGTERM ends the run through the
+// shutdown.
+TEST_F(ControlProgramTest, WithoutADisplayTheLoopAnswersWithTheDefaultZoneAndLogs) {
+    const std::string firewallLog = m_platform.DataRoot() + "/firewall.log";
+    const std::string contentLog = m_platform.DataRoot() + "/content.log";
+    core::RegistryKey(core::kFwLogSuffix, core::kGuiRootPath)
+        .SetString(core::kFileNameValue, firewallLog);
+    core::RegistryKey(core::kLspLogSuffix, core::kGuiRootPath)
+        .SetString(core::kFileNameValue, contentLog);
+    core::RegistryKey("", core::kGuiRootPath).SetString("DefZone", "DisableAll");
+    BackgroundProcess driver({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(), "--foreground"},
+                             {}, m_platform.DataRoot() + "/driver.err");
+    ASSERT_TRUE(WaitFor([this] { return Status().rfind("ok filtering 1", 0) == 0; }));
+    auto program = Run("");
+    // The event goes through once the program reads its mailslot.
+    ASSERT_TRUE(WaitFor(
+        [this] {
+            return test::RunProcess({QBRIX_EVENT_BINARY, "--root", m_platform.DataRoot(), "--type",
+                                     "4", "--address", "http://host/", "--name", "Banner"})
+                       .exitCode == 0;
+        },
+        20s))
+        << Errors();
+    ASSERT_EQ(0, test::RunProcess({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(), "--inject",
+                                   "tool.exe tcp out 192.0.2.1:80 path=/opt/tool"})
+                     .exitCode);
+    EXPECT_TRUE(WaitFor(
+        [&] { return test::ReadFile(firewallLog).find("\tDisableAll\t") != std::string::npos; },
+        20s))
+        << test::ReadFile(firewallLog) << Errors();
+    EXPECT_NE(test::ReadFile(firewallLog).find("/opt/tool"), std::string::npos);
+    EXPECT_TRUE(WaitFor(
+        [&] {
+            return test::ReadFile(contentLog).find("\tBanner\thttp://host/\t") != std::string::npos;
+        },
+        20s))
+        << test::ReadFile(contentLog);
+    EXPECT_EQ(program->Wait(0), -1) << Errors();
+    EXPECT_EQ(program->Stop(SIGTERM), 0);
+    EXPECT_EQ(Status().rfind("ok filtering 0 apps 1 ", 0), 0u) << Status();
 }
 
 TEST_F(ControlProgramTest, AnotherVersionIsNotAValidDriverAndIsShownTwice) {

@@ -1,12 +1,17 @@
 // The built q-brix-reg program run as a real process on a temporary data root: exit statuses,
-// no waiting for an answer without a terminal, and an export-delete-import round trip.
+// no waiting for an answer without a terminal, and an export-delete-import round trip. Also the
+// usage of every tool: asked for, it goes to the output with status 0; after an unknown
+// command, to the error stream with status 2.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <map>
 #include <string>
 
+#include "support/Process.h"
 #include "support/TempPlatform.h"
 
 namespace qbrix::test {
@@ -72,6 +77,27 @@ TEST_F(RegToolProcessTest, ExitStatusesAndARoundTrip) {
     EXPECT_EQ(0, Run("export 'HKLM\\SOFTWARE\\korvel-soft' '" + again + "'").status);
     EXPECT_EQ(ReadFile(file), ReadFile(again));
 }
+
+class ToolUsageTest : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(ToolUsageTest, HelpIsAnAnswerAndAnUnknownCommandAUsageError) {
+    TempDirectory dir;
+    const std::map<std::string, std::string> env = {{"QBRIX_ROOT", dir.File("root")}};
+    const std::string name = std::filesystem::path(GetParam()).filename().string();
+    for (const char* help : {"--help", "-h"}) {
+        ProcessResult asked = RunProcess({GetParam(), help}, env);
+        EXPECT_EQ(0, asked.exitCode) << help << asked.err;
+        EXPECT_NE(std::string::npos, asked.out.find("sage: " + name)) << help << asked.out;
+        EXPECT_EQ("", asked.err) << help;
+    }
+    ProcessResult unknown = RunProcess({GetParam(), "frobnicate"}, env);
+    EXPECT_EQ(2, unknown.exitCode) << unknown.err;
+    EXPECT_NE(std::string::npos, unknown.err.find("sage: " + name)) << unknown.err;
+    EXPECT_EQ("", unknown.out);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryTool, ToolUsageTest,
+                         ::testing::Values(QBRIX_REG_TOOL, QBRIX_CTL, QBRIX_EVENT, QBRIX_DRIVER));
 
 }  // namespace
 }  // namespace qbrix::test

@@ -47,10 +47,10 @@ protected:
             m_pages.push_back(page);
             parts.pages.push_back(page);
         }
-        parts.askPendingApplication = [this] { m_steps.push_back("ask"); };
-        parts.pollActivity = [this] { m_steps.push_back("activity"); };
-        parts.drainContentEvents = [this] { m_steps.push_back("content"); };
-        parts.refreshStatistics = [this] { m_steps.push_back("statistics"); };
+        parts.steps.askPendingApplication = [this] { m_steps.push_back("ask"); };
+        parts.steps.pollActivity = [this] { m_steps.push_back("activity"); };
+        parts.steps.drainContentEvents = [this] { m_steps.push_back("content"); };
+        parts.steps.refreshStatistics = [this] { m_steps.push_back("statistics"); };
         parts.fillContentRulesMenu = [this](QMenu* menu, bool greyed) {
             m_greyed.push_back(greyed);
             menu->addAction("Disable All")->setEnabled(!greyed);
@@ -82,10 +82,17 @@ TEST_F(ControlPanelTest, TitlePagesAndControls) {
     EXPECT_EQ("q-Brix Control", m_panel->TrayIcon()->toolTip().toStdString());
 }
 
-TEST_F(ControlPanelTest, CloseRequestsAreIgnored) {
+TEST_F(ControlPanelTest, CloseRequestsAreIgnoredUntilTheSessionEnds) {
     m_panel->ShowPanel(0);
     EXPECT_FALSE(m_panel->close());  // Alt+F4 and the window manager's close
     EXPECT_TRUE(m_panel->isVisible());
+    // The end of the session closes it without a question, and unsaved changes stay unsaved.
+    m_pages[0]->dirty = true;
+    m_panel->EndSession();
+    EXPECT_TRUE(m_panel->close());
+    EXPECT_FALSE(m_panel->isVisible());
+    EXPECT_TRUE(m_messages.shown.empty());
+    EXPECT_TRUE(m_pages[0]->decisions.empty());
 }
 
 TEST_F(ControlPanelTest, ExitAsksOnceAndEndsOnlyOnYes) {
@@ -166,13 +173,13 @@ TEST(ControlPanelTimerTest, TicksGoOnWhileAStepHoldsAModalDialogOpen) {
     bool dialogOpen = false;
     PanelParts parts;
     parts.pages.push_back(new PropertyPage("Programs"));
-    parts.askPendingApplication = [&] {
+    parts.steps.askPendingApplication = [&] {
         ++asks;
         if (dialogOpen) {
             ++asksWhileOpen;
         }
     };
-    parts.drainContentEvents = [&] {
+    parts.steps.drainContentEvents = [&] {
         if (dialogOpen) {
             return;  // the step's re-entry flag
         }

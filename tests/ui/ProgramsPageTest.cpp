@@ -144,7 +144,7 @@ class PromptTest : public ProgramsPageTest {
         PanelParts parts;
         m_page = new ProgramsPage();
         parts.pages = {m_page, new PropertyPage("Zones")};
-        parts.askPendingApplication = [page = m_page] { page->AskPendingApplication(); };
+        parts.steps.askPendingApplication = [page = m_page] { page->AskPendingApplication(); };
         m_panel = std::make_unique<ControlPanel>(std::move(parts));
         m_panel->Tabs()->setCurrentIndex(1);
     }

@@ -1,11 +1,18 @@
-// Profile strings on ini files of the emulated Windows directory.
+// Profile strings on ini files of the emulated Windows directory; the choice of the data root and
+// the machine's root that the install command shares.
 #include <gtest/gtest.h>
 
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "platform/Platform.h"
 #include "platform/SystemFiles.h"
+#include "platform/posix/PosixPlatform.h"
 #include "support/TempPlatform.h"
 
 namespace qbrix::platform {
@@ -55,6 +62,65 @@ TEST_F(SystemFilesTest, NullKeyRemovesTheSectionAndNullValueTheFirstKeyLine) {
 TEST_F(SystemFilesTest, AnUnwritableFileFails) {
     EXPECT_EQ(WritePrivateProfileString("a", "k", "v", m_platform.DataRoot() + "/no/such/x.ini"),
               0);
+}
+
+struct DataRootCase {
+    const char* name;
+    const char* qbrixRoot;
+    bool superUser;
+    bool installed;
+    const char* stateHome;
+    const char* expected;  // "MACHINE" for the machine's root
+};
+
+class DataRootTest : public ::testing::TestWithParam<DataRootCase> {
+  protected:
+    test::TempDirectory m_machine;
+};
+
+TEST_P(DataRootTest, PicksTheRootOfTheMachineOnceInstalled) {
+    const DataRootCase& c = GetParam();
+    if (c.installed) {
+        std::ofstream(m_machine.File(kInstalledMarker)) << "";
+    }
+    DataRootFacts facts{c.qbrixRoot, c.superUser, m_machine.Path(), c.stateHome, "/home/ann"};
+    std::string expected = c.expected == std::string("MACHINE") ? m_machine.Path() : c.expected;
+    EXPECT_EQ(ChooseDataRoot(facts), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, DataRootTest,
+    ::testing::Values(DataRootCase{"OverrideWins", "/tmp/mine", true, true, "", "/tmp/mine"},
+                      DataRootCase{"RootAlways", "", true, false, "/s", "MACHINE"},
+                      DataRootCase{"AdministratorOnceInstalled", "", false, true, "/s", "MACHINE"},
+                      DataRootCase{"UninstalledStateHome", "", false, false, "/s", "/s/q-brix"},
+                      DataRootCase{"UninstalledHome", "", false, false, "",
+                                   "/home/ann/.local/state/q-brix"}),
+    [](const ::testing::TestParamInfo<DataRootCase>& info) { return info.param.name; });
+
+TEST(MachineDataRootTest, InstallSharesItWithTheAdministratorsOnlyAndDeinstallUnmarksIt) {
+    const group* sudo = ::getgrnam("sudo");
+    if (::geteuid() != 0 || sudo == nullptr) {
+        GTEST_SKIP() << "needs root and the group sudo";
+    }
+    const gid_t administrators = sudo->gr_gid;
+    test::TempDirectory dir;
+    const std::string root = dir.File("machine");
+    std::filesystem::create_directories(root + "/run");
+    std::ofstream(root + "/registry.db") << "";
+    ::chmod((root + "/registry.db").c_str(), 0606);
+    ASSERT_EQ(ShareMachineDataRoot(root), 0);
+    EXPECT_TRUE(IsInstalledDataRoot(root));
+    for (const char* path : {"", "/run", "/registry.db"}) {
+        struct stat info {};
+        ASSERT_EQ(::stat((root + path).c_str(), &info), 0) << path;
+        EXPECT_EQ(info.st_uid, 0u) << path;
+        EXPECT_EQ(info.st_gid, administrators) << path;
+        EXPECT_EQ(info.st_mode & 0070, S_ISDIR(info.st_mode) ? 0070u : 0060u) << path;
+        EXPECT_EQ(info.st_mode & 0007, 0u) << path;
+    }
+    UnshareMachineDataRoot(root);
+    EXPECT_FALSE(IsInstalledDataRoot(root));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 //                 [--hold-ms MS]
 //   q-brix-driver [--root DIR] --inject "connect IMAGE tcp|udp in|out A.B.C.D:PORT [BYTES] ..."
 //   q-brix-driver [--root DIR] --status
+//   q-brix-driver --help
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,14 +26,16 @@ namespace {
 using qbrix::refdriver::DriverServer;
 using qbrix::refdriver::ReferenceDriver;
 
+constexpr char kUsage[] =
+    "usage: q-brix-driver [--root DIR] [--foreground] [--scenario FILE|demo]\n"
+    "                     [--version-text TEXT] [--hold-ms MS]\n"
+    "       q-brix-driver [--root DIR] --inject \"connect IMAGE tcp|udp in|out "
+    "A.B.C.D:PORT [BYTES] [local=PORT] [path=P]\"\n"
+    "       q-brix-driver [--root DIR] --status\n"
+    "       q-brix-driver --help\n";
+
 int Usage() {
-    std::fputs(
-        "usage: q-brix-driver [--root DIR] [--foreground] [--scenario FILE|demo]\n"
-        "                     [--version-text TEXT] [--hold-ms MS]\n"
-        "       q-brix-driver [--root DIR] --inject \"connect IMAGE tcp|udp in|out "
-        "A.B.C.D:PORT [BYTES] [local=PORT] [path=P]\"\n"
-        "       q-brix-driver [--root DIR] --status\n",
-        stderr);
+    std::fputs(kUsage, stderr);
     return 2;
 }
 
@@ -83,6 +86,10 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         bool hasValue = i + 1 < argc;
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        }
         if (arg == "--root" && hasValue) {
             root = argv[++i];
         } else if (arg == "--foreground") {

@@ -22,6 +22,7 @@ constexpr char kUsage[] =
     "       q-brix-event [--root DIR] [--type N] --burst N\n"
     "       q-brix-event [--root DIR] --raw-size N\n"
     "       q-brix-event [--root DIR] demo\n"
+    "       q-brix-event --help\n"
     "Sends content events to \\\\.\\mailslot\\korvel of the data root (default: $QBRIX_ROOT).\n";
 
 struct Options {
@@ -129,6 +130,10 @@ bool Send(platform::HANDLE writer, const void* data, std::size_t size) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
     Options options;
     if (!Parse(argc, argv, &options)) {
         std::fputs(kUsage, stderr);

@@ -8,6 +8,7 @@
 //   q-brixctl [--root DIR] zone ...         the zone store (see ZoneCommand.h)
 //   q-brixctl [--root DIR] stats [show [PERIOD]]          the stored traffic statistics
 //   q-brixctl [--root DIR] stats reset PERIOD             erase one breakdown
+//   q-brixctl [--root DIR] --help|-h                      the usage, status 0
 #include <iostream>
 #include <string>
 #include <vector>
@@ -15,24 +16,30 @@
 #include "AvCommand.h"
 #include "CatalogCommand.h"
 #include "ContentCommand.h"
-#include "ZoneCommand.h"
 #include "StatsCommand.h"
+#include "ZoneCommand.h"
 #include "platform/posix/PosixPlatform.h"
 
 namespace {
 
+constexpr char kUsage[] =
+    "usage: q-brixctl [--root DIR] catalog [reset]\n"
+    "       q-brixctl [--root DIR] av (scan FILE | test) [--engine NAME]\n"
+    "       q-brixctl [--root DIR] rule (list | export | import | delete | test) ...\n"
+    "       q-brixctl [--root DIR] unit test --find P ... INPUT\n"
+    "       q-brixctl [--root DIR] options (show | set SWITCH VALUE) ...\n"
+    "       q-brixctl [--root DIR] zone list|dump|export|import|delete|lan ...\n"
+    "       q-brixctl [--root DIR] stats [show [PERIOD] | reset PERIOD]\n"
+    "       q-brixctl --help\n";
+
+// A usage error: the problem and the usage on the error stream, status 2.
 int Usage(const std::string& problem) {
-    if (!problem.empty()) {
-        std::cerr << "q-brixctl: " << problem << "\n";
-    }
-    std::cerr << "usage: q-brixctl [--root DIR] catalog [reset]\n"
-                 "       q-brixctl [--root DIR] av (scan FILE | test) [--engine NAME]\n"
-                 "       q-brixctl [--root DIR] rule (list | export | import | delete | test) ...\n"
-                 "       q-brixctl [--root DIR] unit test --find P ... INPUT\n"
-                 "       q-brixctl [--root DIR] options (show | set SWITCH VALUE) ...\n"
-                 "       q-brixctl [--root DIR] zone list|dump|export|import|delete|lan ...\n"
-                 "       q-brixctl [--root DIR] stats [show [PERIOD] | reset PERIOD]\n";
+    std::cerr << "q-brixctl: " << problem << "\n" << kUsage;
     return 2;
+}
+
+bool IsHelp(const std::string& arg) {
+    return arg == "--help" || arg == "-h";
 }
 
 }  // namespace
@@ -50,6 +57,10 @@ int main(int argc, char** argv) {
     }
     if (args.empty()) {
         return Usage("no command given");
+    }
+    if (IsHelp(args[0])) {
+        std::cout << kUsage;
+        return 0;
     }
     platform::ScopedPlatform installed(platform::MakePosixPlatform(info));
     std::string command = args[0];
