@@ -32,7 +32,8 @@ IpAddressEdit::IpAddressEdit(QWidget* parent) : QFrame(parent) {
     auto* layout = new QHBoxLayout(this);
     layout->setContentsMargins(2, 1, 2, 1);
     layout->setSpacing(0);
-    const int width = fontMetrics().horizontalAdvance("0000") + 4;
+    // Each field is as wide as three digits; the fields share what the control is given beyond.
+    const int width = fontMetrics().horizontalAdvance("000") + 8;
     for (int i = 0; i < kFieldCount; ++i) {
         if (i > 0) {
             auto* dot = new QLabel(".", this);
@@ -44,6 +45,7 @@ IpAddressEdit::IpAddressEdit(QWidget* parent) : QFrame(parent) {
         field->setFrame(false);
         field->setAlignment(Qt::AlignCenter);
         field->setMinimumWidth(width);
+        field->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
         field->installEventFilter(this);
         connect(field, &QLineEdit::textEdited, this,
                 [this, i](const QString& text) { FieldEdited(i, text); });
