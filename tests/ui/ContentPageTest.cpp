@@ -1,6 +1,6 @@
 // The "Content Options" page, offscreen: the rule commands with their keys and menu, the
-// enable rules of the switches, the protocol switch, save and reload, import and export, and
-// the tray's "Content Rules" entries.
+// enable rules of the switches, the protocol switch, save and reload (stored numbers out of range
+// kept), import and export, and the tray's "Content Rules" entries.
 #include <gtest/gtest.h>
 
 #include <QAction>

@@ -1,6 +1,6 @@
 // The "Programs" page, the "Permissions for Application" dialog and the application prompt,
-// offscreen, against a recording driver: the rows, Edit and Delete, the dialog's texts, and the
-// order of the prompt's actions with its re-entry guard.
+// offscreen, against a recording driver: the rows with their icons and column widths, Edit and
+// Delete, the dialog's texts, and the order of the prompt's actions with its re-entry guard.
 #include <gtest/gtest.h>
 
 #include <QApplication>
