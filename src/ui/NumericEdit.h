@@ -1,6 +1,6 @@
 // An edit that takes only the digits 0-9 and backspace, keeps a number from 1 up to its bound,
-// and puts the last good value back (with a beep) when the text stops being one; with its
-// up-down buttons, the two together behave as an edit with a spin buddy. A value set from
+// and puts the value it showed before back (with a beep) when a key leaves no such number; with
+// its up-down buttons, the two together behave as an edit with a spin buddy. A value set from
 // outside (a stored one) is shown and kept as it is, even outside the range, until the user
 // changes it: the bound applies only to what is typed or stepped.
 #pragma once
