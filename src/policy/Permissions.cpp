@@ -174,13 +174,16 @@ int ProgramList::AddProgram(const AppRecord& record) {
         m_rows.emplace_back();
         index = Count() - 1;
     }
-    Row& row = m_rows[index];
+    SetRow(m_rows[index], record);
+    return existed;
+}
+
+void ProgramList::SetRow(Row& row, const AppRecord& record) {
     row.description = std::string(driver::FieldText(record.description));
     row.zoneName = std::string(ZoneName(record.zone));
     row.path = std::string(driver::FieldText(record.path));
-    row.imageName = imageName;
+    row.imageName = ImageName(record);
     ++m_iconsAdded;
-    return existed;
 }
 
 int ProgramList::GetCurrentname(AppRecord& record) {
@@ -240,14 +243,19 @@ int ProgramList::DecidePendingQuestion(AppRecord& record,
     if (IsOwnProgram(ImageName(record))) {
         std::memcpy(&record.zone, &PresetZones()[0], sizeof(ZoneRecord));
     } else {
-        if (beforeAsking) {
-            beforeAsking();
-        }
         std::string path;
         std::string description;
         GetProcessName(ImageName(record), path, description);
         driver::SetFieldText(record.description, description);
         driver::SetFieldText(record.path, path);
+        // The new row, shown while the user decides, names the program and shows its icon.
+        const int index = FindRow(ImageName(record));
+        if (index >= 0) {
+            SetRow(m_rows[index], record);
+        }
+        if (beforeAsking) {
+            beforeAsking();
+        }
         PermissionDialog(record, true);
     }
     driver::AnswerPendingQuestion(driver::g_hDriver, record);

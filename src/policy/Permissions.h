@@ -124,12 +124,15 @@ class ProgramList {
     int DeleteProgram();
     // A pending question: adds the row; unless the application already had one, decides its
     // zone (own programs get "EnableAll" without asking), answers the driver and refreshes the
-    // row. 1 when an answer was sent. `beforeAsking` runs when the user is about to be asked
-    // (the user interface beeps and brings itself to the front there).
+    // row. 1 when an answer was sent. Before the user is asked, the row shows the program's
+    // name and path as the lookup found them; `beforeAsking` runs then (the user interface
+    // shows the row, beeps and brings itself to the front there).
     int DecidePendingQuestion(AppRecord& record, const std::function<void()>& beforeAsking = {});
 
   private:
     int FindRow(std::string_view imageName) const;
+    // Sets a row's texts from the record; its icon is appended anew.
+    void SetRow(Row& row, const AppRecord& record);
 
     std::vector<Row> m_rows;
     int m_selected = -1;

@@ -77,6 +77,34 @@ QString BarChart::BarText(int group, int series) const {
     return m_seriesFromRows ? m_model.CellText(series, group) : m_model.CellText(group, series);
 }
 
+double BarChart::AxisStep() const {
+    return NiceStep(m_model.MaxValue(), 5);
+}
+
+double BarChart::AxisTop() const {
+    const double step = AxisStep();
+    return std::max(step, std::ceil(m_model.MaxValue() / step) * step);
+}
+
+QStringList BarChart::AxisLabels() const {
+    const double step = AxisStep();
+    const int ticks = static_cast<int>(std::lround(AxisTop() / step));
+    QStringList labels;
+    for (int tick = 0; tick <= ticks; ++tick) {
+        labels << AxisText(tick * step);
+    }
+    return labels;
+}
+
+int BarChart::AxisLabelWidth() const {
+    const QFontMetrics metrics(font());
+    int widest = 0;
+    for (const QString& label : AxisLabels()) {
+        widest = std::max(widest, metrics.horizontalAdvance(label));
+    }
+    return widest + 2;
+}
+
 QColor BarChart::SeriesColour(int series) {
     static const QColor kColours[] = {
         QColor(0x2a, 0x6f, 0xd6), QColor(0xe0, 0x7b, 0x1f), QColor(0x2e, 0xa0, 0x4a),
@@ -124,10 +152,11 @@ void BarChart::paintEvent(QPaintEvent*) {
         }
     }
 
-    // Scale: steps of 1, 2 or 5, at most five of them above zero.
-    const double step = NiceStep(m_model.MaxValue(), 5);
-    const double top = std::max(step, std::ceil(m_model.MaxValue() / step) * step);
-    const int axisWidth = metrics.horizontalAdvance(AxisText(top)) + 8;
+    const double step = AxisStep();
+    const double top = AxisTop();
+    const QStringList axisLabels = AxisLabels();
+    const int labelWidth = AxisLabelWidth();
+    const int axisWidth = labelWidth + 6;
     QRectF plot(area.left() + axisWidth, area.top() + metrics.height() / 2.0,
                 area.width() - axisWidth, area.height() - metrics.height() * 2 - 6);
     if (plot.width() < 20 || plot.height() < 20) {
@@ -169,7 +198,8 @@ void BarChart::paintEvent(QPaintEvent*) {
         painter.setBrush(palette().window().color().darker(108));
         painter.drawPolygon(floor);
     }
-    for (double value = 0; value <= top + step / 2; value += step) {
+    for (int tick = 0; tick < axisLabels.size(); ++tick) {
+        const double value = tick * step;
         const double y = yOf(value);
         painter.setPen(QPen(grid, 1, value == 0 ? Qt::SolidLine : Qt::DotLine));
         if (m_threeD) {
@@ -180,8 +210,8 @@ void BarChart::paintEvent(QPaintEvent*) {
         }
         painter.setPen(palette().text().color());
         painter.drawText(
-            QRectF(area.left(), y - metrics.height() / 2.0, axisWidth - 6, metrics.height()),
-            Qt::AlignRight | Qt::AlignVCenter, AxisText(value));
+            QRectF(area.left(), y - metrics.height() / 2.0, labelWidth, metrics.height()),
+            Qt::AlignRight | Qt::AlignVCenter, axisLabels[tick]);
     }
     painter.setPen(QPen(palette().text().color(), 1));
     painter.drawLine(plot.bottomLeft(), plot.bottomRight());

@@ -3,6 +3,7 @@
 // series come from the rows. In 3D mode dragging with Ctrl held turns the view.
 #pragma once
 
+#include <QStringList>
 #include <QWidget>
 
 #include "ui/ChartModel.h"
@@ -36,6 +37,10 @@ class BarChart : public QWidget {
     QString SeriesLabel(int series) const;
     double BarValue(int group, int series) const;
     QString BarText(int group, int series) const;
+    // The value axis: its labels from zero up, and the width of the column they are drawn in,
+    // sized from the widest of them.
+    QStringList AxisLabels() const;
+    int AxisLabelWidth() const;
     // The colour of a series, the same in bars and legend.
     static QColor SeriesColour(int series);
 
@@ -49,6 +54,10 @@ class BarChart : public QWidget {
     void mouseReleaseEvent(QMouseEvent* event) override;
 
   private:
+    // Steps of 1, 2 or 5, at most five of them above zero; `top` is the highest tick.
+    double AxisStep() const;
+    double AxisTop() const;
+
     ChartModel m_model;
     bool m_threeD = true;
     bool m_legend = true;

@@ -4,25 +4,26 @@
 #include <QKeyEvent>
 #include <QToolButton>
 #include <QVBoxLayout>
+#include <algorithm>
 
 #include "core/Messages.h"
 
 namespace qbrix::ui {
 
 NumericEdit::NumericEdit(unsigned bound, QWidget* parent) : QLineEdit(parent), m_bound(bound) {
-    setText(QString::number(m_lastGood));
+    setText(QString::number(m_value));
 }
 
 void NumericEdit::SetValue(unsigned value) {
-    if (value >= 1 && value <= m_bound) {
-        m_lastGood = value;
-    }
-    setText(QString::number(m_lastGood));
+    m_value = value;
+    setText(QString::number(m_value));
 }
 
+// A step from a value outside the range lands on the nearer end of the range.
 void NumericEdit::Step(int delta) {
-    long next = static_cast<long>(m_lastGood) + delta;
-    if (next >= 1 && next <= static_cast<long>(m_bound)) {
+    long long next =
+        std::clamp(static_cast<long long>(m_value) + delta, 1LL, static_cast<long long>(m_bound));
+    if (next != m_value) {
         SetValue(static_cast<unsigned>(next));
     }
 }
@@ -47,11 +48,11 @@ void NumericEdit::keyPressEvent(QKeyEvent* event) {
     bool ok = false;
     unsigned value = this->text().toUInt(&ok);
     if (ok && value >= 1 && value <= m_bound) {
-        m_lastGood = value;
+        m_value = value;
         return;
     }
     core::CurrentMessages().Beep(core::MB_OK);
-    setText(QString::number(m_lastGood));
+    setText(QString::number(m_value));
 }
 
 NumericSpin::NumericSpin(unsigned bound, const QString& editId, const QString& spinId,

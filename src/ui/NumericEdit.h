@@ -1,6 +1,8 @@
 // An edit that takes only the digits 0-9 and backspace, keeps a number from 1 up to its bound,
-// and puts the last good value back (with a beep) when the text stops being one; with its
-// up-down buttons, the two together behave as an edit with a spin buddy.
+// and puts the value it showed before back (with a beep) when a key leaves no such number; with
+// its up-down buttons, the two together behave as an edit with a spin buddy. A value set from
+// outside (a stored one) is shown and kept as it is, even outside the range, until the user
+// changes it: the bound applies only to what is typed or stepped.
 #pragma once
 
 #include <QLineEdit>
@@ -10,30 +12,30 @@ namespace qbrix::ui {
 
 class NumericEdit : public QLineEdit {
     Q_OBJECT
-public:
+  public:
     NumericEdit(unsigned bound, QWidget* parent = nullptr);
 
-    unsigned Value() const { return m_lastGood; }
+    unsigned Value() const { return m_value; }
     void SetValue(unsigned value);
     void Step(int delta);
 
-protected:
+  protected:
     void keyPressEvent(QKeyEvent* event) override;
 
-private:
+  private:
     unsigned m_bound;
-    unsigned m_lastGood = 1;
+    unsigned m_value = 1;  // the value the text shows
 };
 
 // A NumericEdit with its up-down buttons (the spin control, range 1 to the bound).
 class NumericSpin : public QWidget {
     Q_OBJECT
-public:
+  public:
     NumericSpin(unsigned bound, const QString& editId, const QString& spinId,
                 QWidget* parent = nullptr);
     NumericEdit* Edit() const { return m_edit; }
 
-private:
+  private:
     NumericEdit* m_edit;
 };
 

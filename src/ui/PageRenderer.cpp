@@ -6,17 +6,19 @@
 #include <QPlainTextEdit>
 #include <QRegularExpression>
 #include <QTabWidget>
+#include <QTreeWidget>
+#include <algorithm>
 #include <cstdio>
 #include <memory>
-#include <QTreeWidget>
 
 #include "content/LspSettings.h"
 #include "content/RuleEditorSupport.h"
 #include "content/RuleTestReport.h"
 #include "core/StringTable.h"
 #include "events/ContentEvent.h"
-#include "stats/StatChartText.h"
 #include "policy/PresetZones.h"
+#include "stats/StatChartText.h"
+#include "stats/StatPeriodList.h"
 #include "ui/AboutBox.h"
 #include "ui/BarChart.h"
 #include "ui/ContentDetailsDialog.h"
@@ -57,23 +59,24 @@ void CopyText(char* field, std::size_t width, const char* text) {
     std::snprintf(field, width, "%s", text);
 }
 
-// A sample breakdown for the chart pictures: a working week of traffic.
+// A sample breakdown for the chart pictures: a week of traffic "by Weekdays", its buckets in
+// the breakdown's own order and with its own labels.
 void FillSampleChart(BarChart& chart) {
     ChartModel& model = chart.Model();
     model.SetColumnCount(static_cast<int>(stats::kStatColumnLabels.size()));
     for (int column = 0; column < model.ColumnCount(); ++column) {
         model.SetColumnLabel(column, stats::kStatColumnLabels[column]);
     }
-    const char* days[] = {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
+    const std::vector<std::string> days = stats::WeekdayLabels();
     const std::int64_t bytes[7][4] = {
-        {14500000, 2100000, 900000, 400000},  {18200000, 2600000, 1100000, 500000},
-        {9800000, 1900000, 700000, 300000},   {21000000, 3300000, 1500000, 600000},
-        {16400000, 2800000, 1000000, 450000}, {5200000, 800000, 300000, 150000},
-        {3100000, 500000, 200000, 100000},
+        {3100000, 500000, 200000, 100000},    {14500000, 2100000, 900000, 400000},
+        {18200000, 2600000, 1100000, 500000}, {9800000, 1900000, 700000, 300000},
+        {21000000, 3300000, 1500000, 600000}, {16400000, 2800000, 1000000, 450000},
+        {5200000, 800000, 300000, 150000},
     };
-    model.SetRowCount(7);
-    for (int row = 0; row < 7; ++row) {
-        model.SetRowLabel(row, days[row]);
+    model.SetRowCount(std::min(static_cast<int>(days.size()), 7));
+    for (int row = 0; row < model.RowCount(); ++row) {
+        model.SetRowLabel(row, QString::fromStdString(days[row]));
         for (int column = 0; column < 4; ++column) {
             model.SetCellText(row, column,
                               QString::fromStdString(stats::ChartCellText(bytes[row][column])));

@@ -13,6 +13,7 @@
 #include <QPushButton>
 #include <QVBoxLayout>
 
+#include "platform/PathNames.h"
 #include "ui/DialogPresenter.h"
 #include "ui/Icons.h"
 
@@ -45,8 +46,10 @@ void RefillingComboBox::showPopup() {
 }
 
 QIcon ProgramFileIcon(const std::string& path) {
-    QFileInfo file(QString::fromLocal8Bit(path));
-    if (path.empty() || !file.isFile()) {
+    // A process path comes in capitals: the file is looked up whatever the case of its name.
+    const std::string found = path.empty() ? std::string() : platform::FindFileIgnoringCase(path);
+    QFileInfo file(QString::fromLocal8Bit(found));
+    if (found.empty() || !file.isFile()) {
         return QIcon();
     }
     return QFileIconProvider().icon(file);

@@ -46,7 +46,8 @@ class QtPermissionDialogLauncher : public policy::PermissionDialogLauncher {
     bool Run(policy::AppRecord& record, bool askMode) override;
 };
 
-// The icon of a program file: the platform's icon for the file, or null when it has none.
+// The icon of a program file, found whatever the case of the path's names: the platform's icon
+// for the file, or null when there is no such file.
 QIcon ProgramFileIcon(const std::string& path);
 
 }  // namespace qbrix::ui

@@ -3,6 +3,7 @@
 #include <QHeaderView>
 #include <QKeyEvent>
 #include <QMenu>
+#include <QResizeEvent>
 #include <QTabWidget>
 #include <QTreeWidget>
 #include <QVBoxLayout>
@@ -20,6 +21,8 @@ namespace {
 
 enum Column { kName = 0, kZone = 1, kPath = 2, kImage = 3 };
 constexpr int kZoneColumnWidth = 120;
+// The name column leaves this much of the list's client width to the zone column and a margin.
+constexpr int kNameColumnMargin = 240;
 
 QString RecordText(const std::string& text) {
     QString decoded = QString::fromUtf8(text);
@@ -45,20 +48,14 @@ ProgramsPage::ProgramsPage(QWidget* parent) : PropertyPage("Programs", parent) {
     m_list->header()->setStretchLastSection(false);
     m_list->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     m_list->installEventFilter(this);
+    m_list->viewport()->installEventFilter(this);
+    m_list->setColumnWidth(kZone, kZoneColumnWidth);
     layout->addWidget(m_list);
 
     connect(m_list, &QTreeWidget::itemDoubleClicked, this, [this] { EditProgram(); });
     connect(m_list, &QTreeWidget::currentItemChanged, this, &ProgramsPage::SelectionChanged);
     connect(m_list, &QTreeWidget::customContextMenuRequested, this, &ProgramsPage::ContextMenu);
     Fill();
-}
-
-void ProgramsPage::resizeEvent(QResizeEvent* event) {
-    PropertyPage::resizeEvent(event);
-    // The name takes whatever the zone column leaves, so no horizontal scrolling is needed.
-    int width = m_list->viewport()->width();
-    m_list->setColumnWidth(kName, qMax(120, width - kZoneColumnWidth));
-    m_list->setColumnWidth(kZone, kZoneColumnWidth);
 }
 
 void ProgramsPage::Fill() {
@@ -135,6 +132,11 @@ void ProgramsPage::ContextMenu(const QPoint& position) {
 }
 
 bool ProgramsPage::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == m_list->viewport() && event->type() == QEvent::Resize) {
+        // The name column follows the list's client width (with a floor for a tiny list).
+        const int width = static_cast<QResizeEvent*>(event)->size().width();
+        m_list->setColumnWidth(kName, qMax(kZoneColumnWidth, width - kNameColumnMargin));
+    }
     if (watched == m_list && event->type() == QEvent::KeyPress) {
         int key = static_cast<QKeyEvent*>(event)->key();
         if (key == Qt::Key_Space) {

@@ -36,7 +36,6 @@ class ProgramsPage : public PropertyPage {
 
   protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
-    void resizeEvent(QResizeEvent* event) override;
 
   private:
     void ShowRows();

@@ -5,6 +5,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
+#include <QSignalBlocker>
 #include <QToolButton>
 #include <QVBoxLayout>
 
@@ -57,16 +58,6 @@ StatisticsPage::StatisticsPage(stats::StatPeriodList& periods, QWidget* parent)
     m_legend->setChecked(m_chart->Legend());
     m_swap->setChecked(m_chart->SeriesFromRows());
 
-    ChartModel& model = m_chart->Model();
-    model.SetColumnCount(static_cast<int>(stats::kStatColumnLabels.size()));
-    for (int column = 0; column < model.ColumnCount(); ++column) {
-        model.SetColumnLabel(column, stats::kStatColumnLabels[column]);
-    }
-    for (stats::StatPeriod* period : m_periods.Periods()) {
-        m_list->addItem(QString::fromStdString(period->Name()),
-                        QVariant::fromValue(reinterpret_cast<quintptr>(period)));
-    }
-
     connect(m_list, &QComboBox::currentIndexChanged, this, [this] { ShowSelected(); });
     connect(reset, &QPushButton::clicked, this, [this] { ResetSelected(); });
     connect(m_threeD, &QCheckBox::clicked, this,
@@ -76,8 +67,31 @@ StatisticsPage::StatisticsPage(stats::StatPeriodList& periods, QWidget* parent)
     connect(m_swap, &QCheckBox::clicked, this,
             [this] { m_chart->SetSeriesFromRows(m_swap->isChecked()); });
     connect(enlarge, &QToolButton::clicked, this, [this] { ToggleEnlarged(); });
+}
 
-    m_list->setCurrentIndex(0);
+void StatisticsPage::showEvent(QShowEvent* event) {
+    PropertyPage::showEvent(event);
+    if (!m_setUp) {
+        SetUp();
+    }
+}
+
+void StatisticsPage::SetUp() {
+    m_setUp = true;
+    ChartModel& model = m_chart->Model();
+    model.SetColumnCount(static_cast<int>(stats::kStatColumnLabels.size()));
+    for (int column = 0; column < model.ColumnCount(); ++column) {
+        model.SetColumnLabel(column, stats::kStatColumnLabels[column]);
+    }
+    {
+        // Filling the list selects its first entry: show it once, below.
+        const QSignalBlocker quiet(m_list);
+        for (stats::StatPeriod* period : m_periods.Periods()) {
+            m_list->addItem(QString::fromStdString(period->Name()),
+                            QVariant::fromValue(reinterpret_cast<quintptr>(period)));
+        }
+        m_list->setCurrentIndex(0);
+    }
     ShowSelected();
 }
 

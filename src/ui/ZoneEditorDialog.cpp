@@ -15,8 +15,10 @@
 #include <QStringList>
 #include <QVBoxLayout>
 
+#include "core/Messages.h"
 #include "ui/DialogPresenter.h"
 #include "ui/Icons.h"
+#include "ui/IpAddressEdit.h"
 
 namespace qbrix::ui {
 
@@ -42,31 +44,6 @@ QCheckBox* Check(QWidget* parent, const char* id, const char* text) {
 }
 
 }  // namespace
-
-QString AddressText(std::uint32_t address) {
-    return QString("%1.%2.%3.%4")
-        .arg(address >> 24 & 0xFF)
-        .arg(address >> 16 & 0xFF)
-        .arg(address >> 8 & 0xFF)
-        .arg(address & 0xFF);
-}
-
-std::uint32_t ParseAddress(const QString& text) {
-    const QStringList parts = text.trimmed().split('.');
-    if (parts.size() != 4) {
-        return 0;
-    }
-    std::uint32_t address = 0;
-    for (const QString& part : parts) {
-        bool ok = false;
-        uint octet = part.toUInt(&ok);
-        if (!ok || octet > 255) {
-            return 0;
-        }
-        address = address << 8 | octet;
-    }
-    return address;
-}
 
 ZoneEditorDialog::ZoneEditorDialog(policy::ZoneRecord& zone, std::string_view rulePrefix,
                                    const char* fixedName, QWidget* parent)
@@ -115,9 +92,10 @@ ZoneEditorDialog::ZoneEditorDialog(policy::ZoneRecord& zone, std::string_view ru
     grid->addWidget(m_host, 2, 1, 1, 2);
     grid->addWidget(m_addressByName, 2, 3);
     m_addressCheck = Check(details, "AddressCheck", "Address");
-    m_address = Field(details, "Address");
-    m_mask = Field(details, "Mask");
-    m_address->setInputMask("");
+    m_address = new IpAddressEdit(details);
+    m_address->setObjectName("Address");
+    m_mask = new IpAddressEdit(details);
+    m_mask->setObjectName("Mask");
     grid->addWidget(m_addressCheck, 3, 0);
     grid->addWidget(m_address, 3, 1);
     grid->addWidget(new QLabel("Mask", details), 3, 2, Qt::AlignRight);
@@ -163,8 +141,11 @@ ZoneEditorDialog::ZoneEditorDialog(policy::ZoneRecord& zone, std::string_view ru
 
     // What the user types or picks goes into the model's fields at once.
     auto read = [this] { ReadFields(); };
-    for (QLineEdit* field : {m_ruleName, m_address, m_mask, m_port}) {
+    for (QLineEdit* field : {m_ruleName, m_port}) {
         connect(field, &QLineEdit::textEdited, this, read);
+    }
+    for (IpAddressEdit* field : {m_address, m_mask}) {
+        connect(field, &IpAddressEdit::Edited, this, read);
     }
     for (QComboBox* box : {m_protocol, m_direction, m_result}) {
         connect(box, &QComboBox::activated, this, read);
@@ -208,17 +189,19 @@ void ZoneEditorDialog::ShowFields() {
     m_protocolCheck->setChecked(fields.protocolChecked);
     m_protocol->setCurrentIndex(fields.protocolIndex);
     m_addressCheck->setChecked(fields.addressChecked);
-    m_address->setText(AddressText(fields.address));
-    m_mask->setText(AddressText(fields.mask));
+    m_address->SetAddress(fields.address);
+    m_mask->SetAddress(fields.mask);
     m_portCheck->setChecked(fields.portChecked);
     m_port->setText(QString::number(fields.port));
     m_directionCheck->setChecked(fields.directionChecked);
     m_direction->setCurrentIndex(fields.directionIndex);
     m_result->setCurrentIndex(fields.resultIndex);
     if (m_model.Selected() < 0) {
-        for (QLineEdit* field : {m_ruleName, m_address, m_mask, m_port}) {
+        for (QLineEdit* field : {m_ruleName, m_port}) {
             field->clear();
         }
+        m_address->Clear();
+        m_mask->Clear();
     }
     m_showing = false;
     ApplyStates();
@@ -248,8 +231,13 @@ void ZoneEditorDialog::ReadFields() {
     fields.protocolChecked = m_protocolCheck->isChecked();
     fields.protocolIndex = m_protocol->currentIndex();
     fields.addressChecked = m_addressCheck->isChecked();
-    fields.address = ParseAddress(m_address->text());
-    fields.mask = ParseAddress(m_mask->text());
+    // An incomplete address or mask is not taken: the fields keep the rule's own until the
+    // user completes it (Update and Close refuse it meanwhile).
+    const int selected = m_model.Selected();
+    const policy::ZoneRule* stored = selected >= 0 ? &m_model.Row(selected) : nullptr;
+    fields.address =
+        m_address->IsComplete() ? m_address->Address() : (stored ? stored->address : 0);
+    fields.mask = m_mask->IsComplete() ? m_mask->Address() : (stored ? stored->mask : 0);
     fields.portChecked = m_portCheck->isChecked();
     fields.port = static_cast<std::uint16_t>(m_port->text().toUInt());
     fields.directionChecked = m_directionCheck->isChecked();
@@ -284,8 +272,25 @@ void ZoneEditorDialog::ToggleRule() {
     ShowFields();
 }
 
+bool ZoneEditorDialog::AddressComplete() {
+    if (!m_addressCheck->isChecked()) {
+        return true;
+    }
+    for (IpAddressEdit* field : {m_address, m_mask}) {
+        if (!field->IsComplete()) {
+            core::CurrentMessages().Beep(core::MB_OK);
+            field->FocusFirstBlank();
+            return false;
+        }
+    }
+    return true;
+}
+
 void ZoneEditorDialog::UpdateRule() {
     ReadFields();
+    if (!AddressComplete()) {
+        return;
+    }
     m_model.Update();
     FillRows();
 }
@@ -294,7 +299,7 @@ void ZoneEditorDialog::AddressByName() {
     ReadFields();
     if (m_model.AddressByName(m_host->text().toStdString()) == 0) {
         m_showing = true;
-        m_address->setText(AddressText(m_model.Fields().address));
+        m_address->SetAddress(m_model.Fields().address);
         m_showing = false;
     }
 }
@@ -342,7 +347,11 @@ int ZoneEditorDialog::Finish() {
 }
 
 void ZoneEditorDialog::done(int result) {
-    // Close, Escape and the window's close button all store the zone the same way.
+    // Close, Escape and the window's close button all store the zone the same way, and all
+    // stay open on an incomplete address.
+    if (!m_finished && !AddressComplete()) {
+        return;
+    }
     Finish();
     QDialog::done(result);
 }

@@ -16,6 +16,8 @@ class QPushButton;
 
 namespace qbrix::ui {
 
+class IpAddressEdit;
+
 class ZoneEditorDialog : public QDialog {
     Q_OBJECT
   public:
@@ -23,7 +25,8 @@ class ZoneEditorDialog : public QDialog {
                      QWidget* parent = nullptr);
 
     policy::ZoneEditorModel& Model() { return m_model; }
-    // Writes the zone back (once) and returns the editor's changed flag.
+    // Writes the zone back (once) and returns the editor's changed flag. An incomplete address
+    // or mask leaves the rule's stored one in place.
     int Finish();
     bool Finished() const { return m_finished; }
     int ChangedFlag() const { return m_changedFlag; }
@@ -45,6 +48,9 @@ class ZoneEditorDialog : public QDialog {
     void ShowFields();
     void ApplyStates();
     void ReadFields();
+    // With "Address" ticked, the address and the mask must both be complete: otherwise beeps,
+    // puts the cursor into the first blank field and answers false.
+    bool AddressComplete();
     void RowChanged(int row);
     void ContextMenu(const QPoint& position);
 
@@ -58,8 +64,8 @@ class ZoneEditorDialog : public QDialog {
     QLineEdit* m_host = nullptr;
     QPushButton* m_addressByName = nullptr;
     QCheckBox* m_addressCheck = nullptr;
-    QLineEdit* m_address = nullptr;
-    QLineEdit* m_mask = nullptr;
+    IpAddressEdit* m_address = nullptr;
+    IpAddressEdit* m_mask = nullptr;
     QCheckBox* m_portCheck = nullptr;
     QLineEdit* m_port = nullptr;
     QCheckBox* m_directionCheck = nullptr;
@@ -78,9 +84,5 @@ class QtZoneEditorLauncher : public policy::ZoneEditorLauncher {
     int Edit(policy::ZoneRecord& zone, std::string_view rulePrefix, void* parent,
              const char* fixedName) override;
 };
-
-// Dotted-decimal text of a host-order address, and back (0 when the text is not an address).
-QString AddressText(std::uint32_t address);
-std::uint32_t ParseAddress(const QString& text);
 
 }  // namespace qbrix::ui

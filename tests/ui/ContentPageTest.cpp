@@ -1,6 +1,6 @@
 // The "Content Options" page, offscreen: the rule commands with their keys and menu, the
-// enable rules of the switches, the protocol switch, save and reload, import and export, and
-// the tray's "Content Rules" entries.
+// enable rules of the switches, the protocol switch, save and reload (stored numbers out of range
+// kept), import and export, and the tray's "Content Rules" entries.
 #include <gtest/gtest.h>
 
 #include <QAction>
@@ -228,6 +228,41 @@ TEST_F(ContentPageTest, ProtocolSwitchKeepsUnsavedOptionsOfBoth) {
     EXPECT_EQ(content::OptionsOf(again, content::kPop3Row).maxAvTimeout, 777u);
     EXPECT_EQ(content::OptionsOf(again, content::kPop3Row).enableREG, 0u);
 }
+
+// A stored MaxSize or MaxAvTimeout outside the fields' range is shown as it is, and neither a
+// protocol switch nor Save changes it or carries it into the other protocol.
+class ContentPageStoredNumberTest : public ContentPageTest,
+                                    public ::testing::WithParamInterface<unsigned> {};
+
+TEST_P(ContentPageStoredNumberTest, SaveKeepsStoredNumbersNobodyEdited) {
+    const unsigned stored = GetParam();
+    {
+        content::LspSettings earlier;
+        content::LoadLspSettings(earlier, 0);
+        content::OptionsOf(earlier, content::kHttpRow).maxSize = stored;
+        content::OptionsOf(earlier, content::kHttpRow).maxAvTimeout = stored;
+        content::SaveProtocolOptions(earlier);
+    }
+    auto page = MakePage();
+    auto* maxSize = Find<NumericEdit>(*page, "maxSize");
+    auto* timeout = Find<NumericEdit>(*page, "avTimeout");
+    EXPECT_EQ(maxSize->text(), QString::number(stored));
+    EXPECT_EQ(timeout->text(), QString::number(stored));
+    Find<QComboBox>(*page, "protocol")->setCurrentIndex(1);
+    EXPECT_EQ(maxSize->text(), "100000");
+    EXPECT_EQ(timeout->text(), "5000");
+    Find<QPushButton>(*page, "save")->click();
+
+    content::LspSettings again;
+    content::LoadLspSettings(again, 0);
+    EXPECT_EQ(content::OptionsOf(again, content::kHttpRow).maxSize, stored);
+    EXPECT_EQ(content::OptionsOf(again, content::kHttpRow).maxAvTimeout, stored);
+    EXPECT_EQ(content::OptionsOf(again, content::kPop3Row).maxSize, 100000u);
+    EXPECT_EQ(content::OptionsOf(again, content::kPop3Row).maxAvTimeout, 5000u);
+}
+
+INSTANTIATE_TEST_SUITE_P(OutOfRange, ContentPageStoredNumberTest,
+                         ::testing::Values(0u, 7u, 0x80000000u, 3000000000u, 0xffffffffu));
 
 TEST_F(ContentPageTest, DiscardReloadsRulesAndKeepsTheProtocol) {
     StoreRule(content::kPop3Row, "kept", 1, 0);

@@ -1,8 +1,9 @@
 // The "Programs" page, the "Permissions for Application" dialog and the application prompt,
-// offscreen, against a recording driver: the rows, Edit and Delete, the dialog's texts, and the
-// order of the prompt's actions with its re-entry guard.
+// offscreen, against a recording driver: the rows with their icons and column widths, Edit and
+// Delete, the dialog's texts, and the order of the prompt's actions with its re-entry guard.
 #include <gtest/gtest.h>
 
+#include <QApplication>
 #include <QComboBox>
 #include <QLineEdit>
 #include <QPlainTextEdit>
@@ -10,6 +11,7 @@
 #include <QTabWidget>
 #include <QTest>
 #include <QTreeWidget>
+#include <cstdio>
 
 #include "PolicyTestSupport.h"
 #include "UiTestSupport.h"
@@ -82,6 +84,28 @@ TEST_F(ProgramsPageTest, FillShowsEveryApplicationAndCompletesUnknownPaths) {
     // The record without a path went back to the driver with "?" and is not looked up again.
     ASSERT_EQ(driver.sent.size(), 1u);
     EXPECT_EQ(std::string(driver::FieldText(driver.sent[0].path)), "?");
+}
+
+// The process search gives paths in capitals: the icon is found whatever the case of the names.
+TEST_F(ProgramsPageTest, AProgramsIconIsFoundFromItsUpperCasedPath) {
+    const std::string file = m_platform.ProgramDirectory() + "Tool.bin";
+    std::fclose(std::fopen(file.c_str(), "w"));
+    EXPECT_FALSE(ProgramFileIcon(QString::fromStdString(file).toUpper().toStdString()).isNull());
+    EXPECT_FALSE(ProgramFileIcon(file).isNull());
+    EXPECT_TRUE(ProgramFileIcon(m_platform.ProgramDirectory() + "NONE.BIN").isNull());
+    EXPECT_TRUE(ProgramFileIcon("").isNull());
+}
+
+// The name column takes the list's client width less 240, the zone column 120.
+TEST_F(ProgramsPageTest, TheNameColumnFollowsTheClientWidth) {
+    ProgramsPage page;
+    for (int width : {700, 520}) {
+        page.resize(width, 300);
+        page.show();
+        QApplication::processEvents();
+        EXPECT_EQ(page.List()->columnWidth(0), page.List()->viewport()->width() - 240) << width;
+        EXPECT_EQ(page.List()->columnWidth(1), 120);
+    }
 }
 
 TEST_F(ProgramsPageTest, EditBindsTheChosenZoneAndCancelChangesNothing) {
@@ -172,6 +196,7 @@ TEST_F(PromptTest, OtherProgramsBeepRaiseThePanelAskAndAnswer) {
     m_presenter.SetScript([&](QDialog& dialog) {
         // By now: the row is there, the beep sounded, the panel is up on the Programs page.
         seen.push_back(m_page->List()->topLevelItemCount() == 1 ? "row" : "no row");
+        seen.push_back(Row(*m_page, 0).value(0).toStdString());  // the program's name
         seen.push_back(m_messages.beeps.size() == 1 ? "beep" : "no beep");
         seen.push_back(m_panel->isVisible() ? "shown" : "hidden");
         seen.push_back(m_panel->Tabs()->currentWidget() == m_page ? "programs" : "other page");
@@ -181,8 +206,8 @@ TEST_F(PromptTest, OtherProgramsBeepRaiseThePanelAskAndAnswer) {
         return Choose("Internet Client")(dialog);
     });
     m_page->AskPendingApplication();
-    EXPECT_EQ(seen, (std::vector<std::string>{"row", "beep", "shown", "programs", "topmost",
-                                              "TCP 10.0.0.5:80  outgoing"}));
+    EXPECT_EQ(seen, (std::vector<std::string>{"row", "a-brix.exe", "beep", "shown", "programs",
+                                              "topmost", "TCP 10.0.0.5:80  outgoing"}));
     ASSERT_EQ(m_driver.answered.size(), 1u);
     EXPECT_EQ(policy::ZoneName(m_driver.answered[0].zone), "Internet Client");
     EXPECT_EQ(std::string(driver::FieldText(m_driver.answered[0].path)), "?");

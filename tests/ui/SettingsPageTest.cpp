@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
-#include <QImage>
 #include <QComboBox>
+#include <QImage>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QTest>
@@ -24,7 +24,7 @@ namespace {
 using namespace qbrix::platform;
 
 class SettingsPageTest : public ::testing::Test {
-protected:
+  protected:
     std::vector<std::string> ValueNames(const char* suffix, const char* root) {
         core::RegistryKey key(suffix, root);
         std::vector<std::string> names;
@@ -126,6 +126,31 @@ TEST_F(SettingsPageTest, SizeFieldsKeepANumberFromOneToAHundred) {
     QTest::mouseClick(page->findChild<QWidget*>("207")->findChild<QWidget*>("up"), Qt::LeftButton);
     EXPECT_EQ("43", size->text().toStdString());
 }
+
+// A stored FileSize outside 1 to 100 is shown as it is and saved unchanged; the bound applies
+// to what the user types or steps.
+class SettingsPageStoredSizeTest : public SettingsPageTest,
+                                   public ::testing::WithParamInterface<unsigned> {};
+
+TEST_P(SettingsPageStoredSizeTest, SaveKeepsAStoredSizeNobodyEdited) {
+    const unsigned stored = GetParam();
+    for (const char* suffix : {core::kFwLogSuffix, core::kLspLogSuffix}) {
+        core::RegistryKey(suffix, core::kGuiRootPath).SetDword(core::kFileSizeValue, stored);
+    }
+    auto page = MakePage();
+    EXPECT_EQ(QString::number(stored), Find<QLineEdit>(*page, "208")->text());
+    EXPECT_EQ(QString::number(stored), Find<QLineEdit>(*page, "212")->text());
+    Find<QPushButton>(*page, "216")->click();
+    for (const char* suffix : {core::kFwLogSuffix, core::kLspLogSuffix}) {
+        EXPECT_EQ(stored,
+                  core::RegistryKey(suffix, core::kGuiRootPath).GetDword(core::kFileSizeValue, 9))
+            << suffix;
+    }
+    EXPECT_TRUE(m_messages.beeps.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(OutOfRange, SettingsPageStoredSizeTest,
+                         ::testing::Values(0u, 42u, 101u, 3000000000u));
 
 TEST_F(SettingsPageTest, SaveStoresTheFieldsInTheirOrder) {
     auto page = MakePage();

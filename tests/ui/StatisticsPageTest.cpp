@@ -1,12 +1,15 @@
-// The "Statistics" page and its chart, offscreen: the list of breakdowns, the cell texts with
-// the decimal comma, the switches, Reset with its question, and the chart's series and scale.
+// The "Statistics" page and its chart, offscreen: the set-up on first view, the list of
+// breakdowns, the cell texts with the decimal comma, the switches, Reset with its question, and
+// the chart's series, scale and axis labels.
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
 #include <QComboBox>
+#include <QFontMetrics>
 #include <QImage>
 #include <QPushButton>
 
+#include "PolicyTestSupport.h"
 #include "core/Messages.h"
 #include "stats/StatPeriodList.h"
 #include "support/TempPlatform.h"
@@ -37,6 +40,7 @@ class StatisticsPageTest : public ::testing::Test {
 
 TEST_F(StatisticsPageTest, ListsTheFiveBreakdownsAndStartsWithApplications) {
     StatisticsPage page(*m_periods);
+    page.show();
     auto* list = Find<QComboBox>(page, "275");
     ASSERT_EQ(list->count(), 5);
     EXPECT_EQ(list->itemText(0), "by Applications");
@@ -55,9 +59,24 @@ TEST_F(StatisticsPageTest, ListsTheFiveBreakdownsAndStartsWithApplications) {
     EXPECT_TRUE(page.Chart()->Legend());
 }
 
+// The page is set up when it is first shown: the first view charts the driver's programs as
+// they are then, not as they were when the panel was built.
+TEST_F(StatisticsPageTest, FirstViewShowsTheDataOfThatMoment) {
+    policy::test_support::RecordingDriver driver;
+    StatisticsPage page(*m_periods);
+    driver.Put(policy::test_support::App("BROWSE.EXE"));
+    page.show();
+    ChartModel& model = page.Chart()->Model();
+    ASSERT_EQ(model.RowCount(), 1);
+    EXPECT_EQ(model.RowLabel(0), "BROWSE.EXE");
+    ASSERT_EQ(model.ColumnCount(), 4);
+    EXPECT_EQ(Find<QComboBox>(page, "275")->count(), 5);
+}
+
 TEST_F(StatisticsPageTest, CellsShowMegabytesWithADecimalComma) {
     CountDay();
     StatisticsPage page(*m_periods);
+    page.show();
     Find<QComboBox>(page, "275")->setCurrentIndex(2);
     ChartModel& model = page.Chart()->Model();
     ASSERT_EQ(model.RowCount(), 31);
@@ -71,6 +90,7 @@ TEST_F(StatisticsPageTest, CellsShowMegabytesWithADecimalComma) {
 TEST_F(StatisticsPageTest, SwitchesReachTheChartWhenClicked) {
     CountDay();
     StatisticsPage page(*m_periods);
+    page.show();
     Find<QComboBox>(page, "275")->setCurrentIndex(2);
     BarChart* chart = page.Chart();
     // Series from the columns: one group per day, one bar per direction.
@@ -93,6 +113,7 @@ TEST_F(StatisticsPageTest, SwitchesReachTheChartWhenClicked) {
 TEST_F(StatisticsPageTest, ResetAsksAndNoChangesNothing) {
     CountDay();
     StatisticsPage page(*m_periods);
+    page.show();
     Find<QComboBox>(page, "275")->setCurrentIndex(2);
     m_messages.QueueBoxAnswer(core::IDNO);
     Find<QPushButton>(page, "258")->click();
@@ -115,6 +136,20 @@ TEST(ChartScale, StepsAreOneTwoOrFiveTimesAPowerOfTen) {
     EXPECT_DOUBLE_EQ(NiceStep(0, 5), 1);
     EXPECT_DOUBLE_EQ(ChartNumber("1,5"), 1.5);
     EXPECT_DOUBLE_EQ(ChartNumber("x"), 0);
+}
+
+// The value axis is as wide as its widest label, so "1,5" is not cut under a top of "2".
+TEST(ChartScale, AxisLabelsFitTheirColumn) {
+    BarChart chart;
+    ChartModel& model = chart.Model();
+    model.SetColumnCount(1);
+    model.SetRowCount(1);
+    model.SetCellText(0, 0, "2");
+    EXPECT_EQ(chart.AxisLabels(), (QStringList{"0", "0,5", "1", "1,5", "2"}));
+    const QFontMetrics metrics(chart.font());
+    for (const QString& label : chart.AxisLabels()) {
+        EXPECT_LE(metrics.horizontalAdvance(label), chart.AxisLabelWidth()) << label.toStdString();
+    }
 }
 
 TEST(ChartDrawing, FlatAndThreeDBarsPaintTheirSeriesColour) {

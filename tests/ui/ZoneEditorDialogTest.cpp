@@ -13,6 +13,7 @@
 #include "UiTestSupport.h"
 #include "core/RegistryKey.h"
 #include "core/RegistryPaths.h"
+#include "ui/IpAddressEdit.h"
 #include "ui/ZoneEditorDialog.h"
 #include "ui/ZoneSelector.h"
 
@@ -55,8 +56,8 @@ TEST_F(ZoneEditorDialogTest, OpeningShowsTheFirstRuleAndItsEnableRules) {
     EXPECT_EQ(Child<QLineEdit>(dialog, "RuleName")->text(), "Mail");
     EXPECT_TRUE(Child<QCheckBox>(dialog, "PortCheck")->isChecked());
     EXPECT_EQ(Child<QLineEdit>(dialog, "Port")->text(), "25");
-    EXPECT_EQ(Child<QLineEdit>(dialog, "Address")->text(), "10.0.0.1");
-    EXPECT_EQ(Child<QLineEdit>(dialog, "Mask")->text(), "255.255.255.0");
+    EXPECT_EQ(Child<IpAddressEdit>(dialog, "Address")->Text(), "10.0.0.1");
+    EXPECT_EQ(Child<IpAddressEdit>(dialog, "Mask")->Text(), "255.255.255.0");
     EXPECT_EQ(Child<QComboBox>(dialog, "Protocol")->currentText(), "TCP");
     EXPECT_EQ(Child<QComboBox>(dialog, "Direction")->currentText(), "Outgoing");
     EXPECT_TRUE(Child<QLineEdit>(dialog, "Port")->isEnabled());
@@ -138,11 +139,11 @@ TEST_F(ZoneEditorDialogTest, AddressByNameFillsOnlyTheAddressField) {
     ZoneEditorDialog dialog(m_zone, "Rule ", nullptr);
     Child<QLineEdit>(dialog, "Host")->setText("localhost");
     Child<QPushButton>(dialog, "AddressByName")->click();
-    EXPECT_EQ(Child<QLineEdit>(dialog, "Address")->text(), "127.0.0.1");
+    EXPECT_EQ(Child<IpAddressEdit>(dialog, "Address")->Text(), "127.0.0.1");
     Child<QLineEdit>(dialog, "Host")->setText("no-such-host.invalid");
     Child<QPushButton>(dialog, "AddressByName")->click();
     EXPECT_EQ(m_messages.shown.back().text, "Cannot find address");
-    EXPECT_EQ(Child<QLineEdit>(dialog, "Address")->text(), "127.0.0.1");
+    EXPECT_EQ(Child<IpAddressEdit>(dialog, "Address")->Text(), "127.0.0.1");
     dialog.Finish();
 }
 
@@ -160,11 +161,60 @@ TEST_F(ZoneEditorDialogTest, AZoneNameOf259CharactersSurvivesAndLongerInputIsCut
     EXPECT_EQ(policy::ZoneName(m_zone), std::string(259, 'y'));
 }
 
-TEST(AddressText, DottedDecimalBothWays) {
-    EXPECT_EQ(AddressText(0x7F000001), "127.0.0.1");
-    EXPECT_EQ(ParseAddress("192.168.1.10"), 0xC0A8010Au);
-    EXPECT_EQ(ParseAddress("192.168.1"), 0u);
-    EXPECT_EQ(ParseAddress("1.2.3.256"), 0u);
+// The address and the mask are four fields of 0 to 255. A key that does not fit is refused
+// with a beep; an incomplete address is refused by Update and Close with a beep and stays in
+// its field, and the rule keeps its stored address until the user completes it.
+TEST_F(ZoneEditorDialogTest, AddressFieldsTakeFourNumbersAndRefuseAnIncompleteAddress) {
+    int changed = Edit([this](QDialog& dialog) {
+        auto* address = Child<IpAddressEdit>(dialog, "Address");
+        QLineEdit* last = address->Field(3);
+        last->selectAll();
+        QTest::keyClicks(last, "25");
+        QTest::keyClicks(last, "6");  // 256
+        QTest::keyClicks(last, "x");
+        EXPECT_EQ(address->Text(), "10.0.0.25");
+        EXPECT_EQ(m_messages.beeps.size(), 2u);
+        last->selectAll();
+        QTest::keyClick(last, Qt::Key_Backspace);
+        EXPECT_EQ(address->Text(), "10.0.0.");
+        EXPECT_FALSE(address->IsComplete());
+
+        Child<QPushButton>(dialog, "Update")->click();
+        EXPECT_EQ(m_messages.beeps.size(), 3u);
+        EXPECT_EQ(m_zone.rules[0].address, 0x0A000001u);
+        dialog.reject();  // Escape: refused as well, the dialog stays open
+        EXPECT_EQ(m_messages.beeps.size(), 4u);
+        EXPECT_EQ(address->Text(), "10.0.0.");
+        EXPECT_FALSE(static_cast<ZoneEditorDialog&>(dialog).Finished());
+
+        QTest::keyClicks(last, "7");
+        Child<QPushButton>(dialog, "Update")->click();
+        EXPECT_EQ(m_messages.beeps.size(), 4u);
+        // An incomplete mask is refused the same way.
+        auto* mask = Child<IpAddressEdit>(dialog, "Mask");
+        mask->Field(1)->selectAll();
+        QTest::keyClick(mask->Field(1), Qt::Key_Backspace);
+        Child<QPushButton>(dialog, "Update")->click();
+        EXPECT_EQ(m_messages.beeps.size(), 5u);
+        QTest::keyClicks(mask->Field(1), "255");
+        return int(QDialog::Accepted);
+    });
+    EXPECT_EQ(changed, 0);
+    EXPECT_EQ(m_zone.rules[0].address, 0x0A000007u);
+    EXPECT_EQ(m_zone.rules[0].mask, 0xFFFFFF00u);
+    EXPECT_EQ(m_messages.beeps.size(), 5u);
+}
+
+// A window closed regardless (the presenter's or the session's end) keeps the stored address
+// of a rule whose address was left incomplete.
+TEST_F(ZoneEditorDialogTest, AClosingForcedOnAnIncompleteAddressKeepsTheStoredOne) {
+    ZoneEditorDialog dialog(m_zone, "Rule ", nullptr);
+    auto* address = Child<IpAddressEdit>(dialog, "Address");
+    address->Field(2)->selectAll();
+    QTest::keyClick(address->Field(2), Qt::Key_Backspace);
+    dialog.Finish();
+    EXPECT_EQ(m_zone.rules[0].address, 0x0A000001u);
+    EXPECT_EQ(m_zone.rules[0].mask, 0xFFFFFF00u);
 }
 
 class ZoneSelectorTest : public ::testing::Test {
