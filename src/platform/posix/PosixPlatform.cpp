@@ -3,8 +3,8 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/acl.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -64,31 +64,26 @@ bool IsInstalledDataRoot(const std::string& root) {
 
 namespace {
 
-// A POSIX access control list in the kernel's extended-attribute form (little-endian fields):
-// the owner, the owning group and every group of `groups` (ascending) get `perms`, others nothing.
-std::string AccessControlList(const std::vector<gid_t>& groups, std::uint32_t perms) {
-    constexpr std::uint32_t kUserObj = 0x01, kGroupObj = 0x04, kGroup = 0x08, kMask = 0x10,
-                            kOther = 0x20, kNoId = 0xFFFFFFFFu;
-    std::string acl;
-    auto put = [&acl](std::uint32_t value, int bytes) {
-        for (int i = 0; i < bytes; ++i) {
-            acl.push_back(static_cast<char>(value >> (8 * i) & 0xFF));
-        }
-    };
-    auto entry = [&put](std::uint32_t tag, std::uint32_t perm, std::uint32_t id) {
-        put(tag, 2);
-        put(perm, 2);
-        put(id, 4);
-    };
-    put(2, 4);  // the format's version
-    entry(kUserObj, perms, kNoId);
-    entry(kGroupObj, perms, kNoId);
+// Gives every group of `groups` the same rights as the owning group through a POSIX access
+// control list (and, for a directory, as its default list, so what is made in it inherits them).
+// A file system without access control lists leaves those groups out.
+void GrantGroups(const std::filesystem::path& path, const std::vector<gid_t>& groups,
+                 bool directory) {
+    std::string rights = directory ? "rwx" : "rw-";
+    std::string text = "u::" + rights + ",g::" + rights + ",o::---,m::" + rights;
     for (gid_t gid : groups) {
-        entry(kGroup, perms, static_cast<std::uint32_t>(gid));
+        text += ",g:" + std::to_string(gid) + ":" + rights;
     }
-    entry(kMask, perms, kNoId);
-    entry(kOther, 0, kNoId);
-    return acl;
+    std::vector<acl_type_t> types{ACL_TYPE_ACCESS};
+    if (directory) {
+        types.push_back(ACL_TYPE_DEFAULT);
+    }
+    for (acl_type_t type : types) {
+        if (acl_t acl = acl_from_text(text.c_str()); acl != nullptr) {
+            acl_set_file(path.c_str(), type, acl);
+            acl_free(acl);
+        }
+    }
 }
 
 // The administrator groups that exist here, in order of preference.
@@ -125,14 +120,7 @@ int Share(const std::filesystem::path& path, const std::vector<gid_t>& groups) {
     std::sort(others.begin(), others.end());
     others.erase(std::unique(others.begin(), others.end()), others.end());
     if (!others.empty()) {
-        std::string acl = AccessControlList(others, directory ? 7 : 6);
-        // A file system without access control lists leaves the other groups out.
-        ::setxattr(path.c_str(), "system.posix_acl_access", acl.data(), acl.size(), 0);
-        if (directory) {
-            std::string inherited = AccessControlList(others, 7);
-            ::setxattr(path.c_str(), "system.posix_acl_default", inherited.data(), inherited.size(),
-                       0);
-        }
+        GrantGroups(path, others, directory);
     }
     return 0;
 }
