@@ -20,6 +20,7 @@ class QGroupBox;
 class QMenu;
 class QPushButton;
 class QTabWidget;
+class QUrl;
 
 namespace qbrix::ui {
 
@@ -43,13 +44,14 @@ struct PanelParts {
 
 class ControlPanel : public QWidget, public core::MainWindow {
     Q_OBJECT
-public:
+  public:
     static constexpr int kTimerPeriodMs = 1000;
     static constexpr int kAboutCommand = 5008;
     static constexpr int kSettingCommand = 5009;
     static constexpr int kShowPanelCommand = 5010;
     static constexpr int kExitCommand = 5011;
     static constexpr int kHelpCommand = 5015;
+    static constexpr char kHelpFile[] = "q-Brix.html";
 
     explicit ControlPanel(PanelParts parts, QWidget* parent = nullptr);
     ~ControlPanel() override;
@@ -57,7 +59,11 @@ public:
     // Tray commands.
     void ShowPanel(int pageIndex);
     void ShowAbout();
+    // Help: opens the help file of the program directory (the user's guide, rendered at build
+    // time) with the desktop's viewer; a missing file or viewer is said in a message box.
     void OpenHelp();
+    // What hands the help file to the desktop; QDesktopServices::openUrl unless replaced.
+    void SetUrlOpener(std::function<bool(const QUrl&)> opener) { m_openUrl = std::move(opener); }
     void ExitCommand();
     // The OK ("Close") button: page save check, then hide.
     void HidePanel();
@@ -75,16 +81,16 @@ public:
     QSystemTrayIcon* TrayIcon() const { return m_tray.get(); }
     bool ExitConfirmed() const { return m_closing; }
 
-signals:
+  signals:
     // The user confirmed Exit: the application should end its event loop.
     void ExitRequested();
     // A timer tick has run its four steps.
     void Ticked();
 
-protected:
+  protected:
     void closeEvent(QCloseEvent* event) override;
 
-private:
+  private:
     void OnTrayActivated(QSystemTrayIcon::ActivationReason reason);
     void OnTimer();
 
@@ -99,6 +105,7 @@ private:
     bool m_aboutOpen = false;
     bool m_exitPromptOpen = false;
     bool m_closing = false;
+    std::function<bool(const QUrl&)> m_openUrl;
 };
 
 }  // namespace qbrix::ui
