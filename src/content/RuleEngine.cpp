@@ -287,7 +287,13 @@ int MeasureCompile(const std::string& expression) {
         return kNotMeasured;
     }
     if (child == 0) {
-        close(fds[0]);
+        // The child keeps only its end of the pipe, so no socket, lock or file of the program
+        // stays open in it while it compiles.
+        const auto answer = static_cast<unsigned>(fds[1]);
+        if (answer > 3) {
+            close_range(3, answer - 1, 0);
+        }
+        close_range(answer + 1, ~0u, 0);
         LimitMeasuringChild();
         regex_t regex;
         int rc;
