@@ -17,6 +17,10 @@ foreach(image q-Brix.sys q-Brix.VXD)
         file(CREATE_LINK q-brix-driver
              \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${QBRIX_PROGRAM_DIR}/${image}\" SYMBOLIC)")
 endforeach()
+# The help file, the user's guide rendered at build time (tools/render-help).
+if(QBRIX_BUILD_UI)
+    install(FILES ${QBRIX_HELP_FILE} DESTINATION ${QBRIX_PROGRAM_DIR})
+endif()
 install(DIRECTORY resources/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/q-brix)
 install(FILES resources/q-brix.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 install(FILES resources/icons/q-brix.svg

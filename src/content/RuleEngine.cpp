@@ -1,10 +1,17 @@
 #include "content/RuleEngine.h"
 
+#include <fcntl.h>
 #include <locale.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstring>
+#include <mutex>
+#include <unordered_map>
 
 #include "content/TestLog.h"
 
@@ -122,10 +129,13 @@ int SearchUpToZero(const RulePattern& pattern, std::string_view text, std::size_
 }
 
 // The library builds a repeated part once per repetition ("x+" holds x twice, "x{1,50}" fifty
-// times), so stacked repetitions grow the compiled form geometrically: "x+++...+" with a few dozen
-// "+" would take gigabytes. This is an upper estimate of the parse-tree size, counted the same
-// way, so such expressions can be refused before the library tries.
-constexpr std::uint64_t kMaxPatternSize = 1u << 12;
+// times), so stacked repetitions grow the compiled form geometrically ("x+++...+" with a few dozen
+// "+", "((a{1,100}){1,100}){1,100}"), and a long bounded repetition costs memory in the square of
+// its bound (".{0,8000}" takes about 500 MB). This upper estimate of the parse-tree size, counted
+// the same way, only decides which expressions are cheap enough to compile directly: the others
+// are first compiled in a child process under a budget of memory and processor time, and that
+// measurement decides.
+constexpr std::uint64_t kMeasureAbove = 1u << 10;
 constexpr std::uint64_t kHuge = std::uint64_t{1} << 40;  // saturation of the estimate
 
 std::uint64_t EstimatePatternSize(std::string_view expression) {
@@ -197,7 +207,7 @@ std::uint64_t EstimatePatternSize(std::string_view expression) {
             last = 1;
             i += (c == '\\') ? 2 : 1;
         }
-        if (groups.back() > kMaxPatternSize || last > kMaxPatternSize) {
+        if (groups.back() > kMeasureAbove || last > kMeasureAbove) {
             return groups.back() > last ? groups.back() : last;
         }
     }
@@ -205,6 +215,132 @@ std::uint64_t EstimatePatternSize(std::string_view expression) {
     for (std::uint64_t size : groups)
         total = clamp(total + size);
     return total;
+}
+
+// The budget of a measured compilation: growth of the child's data segment (heap and anonymous
+// mappings) and processor time. Within it glibc compiles "<script.{0,5000}</script>" (about
+// 200 MB, a quarter of a second); nested bounded repetitions run out of it within a second.
+constexpr std::uint64_t kCompileMemoryBudget = std::uint64_t{512} << 20;
+constexpr rlim_t kCompileSeconds = 2;
+
+constexpr int kCompileFlags = REG_EXTENDED | REG_ICASE;
+
+// Bytes of the calling process's data segment (the sixth field of /proc/self/statm, in pages),
+// read without allocating; 0 when unknown.
+std::uint64_t DataSegmentBytes() {
+    int fd = open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return 0;
+    }
+    char buffer[256];
+    ssize_t got = read(fd, buffer, sizeof(buffer) - 1);
+    close(fd);
+    if (got <= 0) {
+        return 0;
+    }
+    buffer[got] = '\0';
+    std::uint64_t value = 0;
+    int field = 0;
+    for (const char* c = buffer; *c != '\0' && field < 6; ++c) {
+        if (*c == ' ') {
+            ++field;
+            value = 0;
+        } else if (*c >= '0' && *c <= '9') {
+            value = value * 10 + static_cast<std::uint64_t>(*c - '0');
+        }
+    }
+    return field >= 5 ? value * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) : 0;
+}
+
+// In the child: the budget as resource limits (the data limit counts from what the child
+// inherited), and no core file when a limit ends it.
+void LimitMeasuringChild() {
+    rlimit none{0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+    rlimit cpu{kCompileSeconds, kCompileSeconds + 1};
+    setrlimit(RLIMIT_CPU, &cpu);
+    rlimit data{};
+    if (getrlimit(RLIMIT_DATA, &data) == 0) {
+        std::uint64_t limit = DataSegmentBytes() + kCompileMemoryBudget;
+        if (data.rlim_max == RLIM_INFINITY || limit < data.rlim_max) {
+            data.rlim_cur = static_cast<rlim_t>(limit);
+            data.rlim_max = static_cast<rlim_t>(limit);
+            setrlimit(RLIMIT_DATA, &data);
+        }
+    }
+}
+
+constexpr int kNotMeasured = -1;
+
+// Compiles the expression in a child process under the budget and gives the library's code:
+// REG_ESPACE also when the child was ended by the processor-time limit or otherwise died
+// without an answer. kNotMeasured when no child could be started.
+int MeasureCompile(const std::string& expression) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        return kNotMeasured;
+    }
+    pid_t child = fork();
+    if (child < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        return kNotMeasured;
+    }
+    if (child == 0) {
+        // The child keeps only its end of the pipe, so no socket, lock or file of the program
+        // stays open in it while it compiles.
+        const auto answer = static_cast<unsigned>(fds[1]);
+        if (answer > 3) {
+            close_range(3, answer - 1, 0);
+        }
+        close_range(answer + 1, ~0u, 0);
+        LimitMeasuringChild();
+        regex_t regex;
+        int rc;
+        {
+            ScopedByteLocale byteLocale;
+            rc = regcomp(&regex, expression.c_str(), kCompileFlags);
+        }
+        auto code = static_cast<unsigned char>(rc);
+        _exit(write(fds[1], &code, 1) == 1 ? 0 : 1);
+    }
+    close(fds[1]);
+    unsigned char code = 0;
+    ssize_t got;
+    do {
+        got = read(fds[0], &code, 1);
+    } while (got < 0 && errno == EINTR);
+    close(fds[0]);
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return got == 1 ? static_cast<int>(code) : static_cast<int>(REG_ESPACE);
+}
+
+// Measured verdicts by expression, so loading the same rules again does not measure again. An
+// expression that could not be measured (no process to spare) is refused as out of memory and
+// measured again next time.
+int MeasuredVerdict(const std::string& expression) {
+    static std::mutex mutex;
+    static std::unordered_map<std::string, int> verdicts;
+    constexpr std::size_t kRemembered = 256;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        auto known = verdicts.find(expression);
+        if (known != verdicts.end()) {
+            return known->second;
+        }
+    }
+    int verdict = MeasureCompile(expression);
+    if (verdict == kNotMeasured) {
+        return REG_ESPACE;
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    if (verdicts.size() >= kRemembered) {
+        verdicts.clear();
+    }
+    verdicts.emplace(expression, verdict);
+    return verdict;
 }
 
 // Whether the expression may test what follows its match: an end anchor or a word-boundary
@@ -370,13 +506,16 @@ std::string ExpandReplaceEscapes(std::string_view text) {
 int CompilePattern(RulePattern& pattern, std::string_view text) {
     pattern.Free();
     std::string expanded = ExpandPatternEscapes(text);
-    if (EstimatePatternSize(expanded) > kMaxPatternSize) {
-        return REG_ESIZE;
+    if (EstimatePatternSize(expanded) > kMeasureAbove) {
+        int measured = MeasuredVerdict(expanded);
+        if (measured != 0) {
+            return measured;
+        }
     }
     int rc;
     {
         ScopedByteLocale byteLocale;
-        rc = regcomp(pattern.MutableRegex(), expanded.c_str(), REG_EXTENDED | REG_ICASE);
+        rc = regcomp(pattern.MutableRegex(), expanded.c_str(), kCompileFlags);
     }
     if (rc != 0) {
         // The library frees what it built when compilation fails.

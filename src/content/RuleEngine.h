@@ -43,7 +43,9 @@ std::string ReplaceAllPairs(std::string_view text,
 std::string ExpandReplaceEscapes(std::string_view text);
 
 // 0 on success, else the regex library's code. Expressions with kMatchSlots or more groups are
-// refused with REG_ESIZE.
+// refused with REG_ESIZE. Expressions the library could only compile with unreasonable memory or
+// time (nested bounded repetitions) are refused with REG_ESPACE: such expressions are compiled
+// first in a child process under a memory and time budget.
 int CompilePattern(RulePattern& pattern, std::string_view text);
 // 0 and the range of the last group (the whole match without groups) when found, else 1. The
 // text is searched up to its first zero byte.

@@ -4,6 +4,7 @@
 #include <QTreeWidget>
 
 #include "core/StringTable.h"
+#include "events/LogSettings.h"
 #include "ui/ContentDetailsDialog.h"
 #include "ui/DialogPresenter.h"
 #include "ui/LogList.h"
@@ -25,6 +26,7 @@ ContentLogPage::ContentLogPage(QWidget* parent) : PropertyPage(Str(112), parent)
         CurrentPresenter().Present(dialog);
     };
     m_list = MakeLogList(this, {Str(37), Str(39), Str(38), Str(40)}, {80, 150, 150, 200});
+    AddDeleteLogMenu(m_list, [this] { DeleteLog(); });
 }
 
 void ContentLogPage::SetRedraw(bool on) {
@@ -35,7 +37,9 @@ int ContentLogPage::RowCount() {
     return m_list->topLevelItemCount();
 }
 
-void ContentLogPage::DeleteLastRow() { DeleteBottomRow(m_list); }
+void ContentLogPage::DeleteLastRow() {
+    DeleteBottomRow(m_list);
+}
 
 void ContentLogPage::InsertTopRow(const events::ContentRow& row) {
     auto* item = new QTreeWidgetItem();
@@ -63,6 +67,10 @@ void ContentLogPage::ShowDetails(const events::ContentEvent& event) {
     m_runDetails(event);
     panel->setWindowFlag(Qt::WindowStaysOnTopHint, false);
     panel->show();
+}
+
+void ContentLogPage::DeleteLog() {
+    ui::DeleteLog(m_list, events::ReadContentLogSettings().fileName);
 }
 
 }  // namespace qbrix::ui

@@ -28,6 +28,9 @@ class ContentLogPage : public PropertyPage, public events::ContentLogView {
 
     // Tests replace the modal dialog.
     void SetDetailsRunner(DetailsRunner runner) { m_runDetails = std::move(runner); }
+    // The list's "Delete": after a confirmation, empties the page's log file and the list.
+    void DeleteLog();
+
     QTreeWidget* List() const { return m_list; }
 
   private:

@@ -4,6 +4,7 @@
 #include <QComboBox>
 #include <QCursor>
 #include <QDesktopServices>
+#include <QFileInfo>
 #include <QGroupBox>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -25,6 +26,8 @@ namespace {
 
 constexpr char kVersionText[] = "3.1.091";
 constexpr int kTipLength = 127;
+constexpr int kHelpMissingText = 124;
+constexpr int kNoHelpViewerText = 125;
 
 QString Str(int id) {
     return QString::fromStdString(core::LoadString(id));
@@ -156,8 +159,24 @@ void ControlPanel::ShowAbout() {
 }
 
 void ControlPanel::OpenHelp() {
-    QDesktopServices::openUrl(
-        QUrl::fromLocalFile(QString::fromStdString(platform::ProgramFile("q-Brix.chm"))));
+    const std::string path = platform::ProgramFile(kHelpFile);
+    auto say = [&](int textId) {
+        std::string text = core::LoadString(textId);
+        if (std::size_t at = text.find("%s"); at != std::string::npos) {
+            text.replace(at, 2, path);
+        }
+        core::CurrentMessages().MessageBox(text, core::LoadString(30),
+                                           core::MB_OK | core::MB_ICONWARNING);
+    };
+    if (!QFileInfo(QString::fromStdString(path)).isFile()) {
+        say(kHelpMissingText);
+        return;
+    }
+    const QUrl url = QUrl::fromLocalFile(QString::fromStdString(path));
+    const bool opened = m_openUrl ? m_openUrl(url) : QDesktopServices::openUrl(url);
+    if (!opened) {
+        say(kNoHelpViewerText);
+    }
 }
 
 void ControlPanel::PageSaveCheck() {

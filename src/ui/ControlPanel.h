@@ -21,6 +21,7 @@ class QGroupBox;
 class QMenu;
 class QPushButton;
 class QTabWidget;
+class QUrl;
 
 namespace qbrix::ui {
 
@@ -47,6 +48,7 @@ class ControlPanel : public QWidget, public core::MainWindow {
     static constexpr int kShowPanelCommand = 5010;
     static constexpr int kExitCommand = 5011;
     static constexpr int kHelpCommand = 5015;
+    static constexpr char kHelpFile[] = "q-Brix.html";
 
     explicit ControlPanel(PanelParts parts, QWidget* parent = nullptr);
     ~ControlPanel() override;
@@ -54,7 +56,11 @@ class ControlPanel : public QWidget, public core::MainWindow {
     // Tray commands.
     void ShowPanel(int pageIndex);
     void ShowAbout();
+    // Help: opens the help file of the program directory (the user's guide, rendered at build
+    // time) with the desktop's viewer; a missing file or viewer is said in a message box.
     void OpenHelp();
+    // What hands the help file to the desktop; QDesktopServices::openUrl unless replaced.
+    void SetUrlOpener(std::function<bool(const QUrl&)> opener) { m_openUrl = std::move(opener); }
     void ExitCommand();
     // The session ends: the panel may close now and its timer stops, with neither the Exit
     // prompt nor the page save check (nothing is saved that the user did not save).
@@ -99,6 +105,7 @@ class ControlPanel : public QWidget, public core::MainWindow {
     bool m_aboutOpen = false;
     bool m_exitPromptOpen = false;
     bool m_closing = false;
+    std::function<bool(const QUrl&)> m_openUrl;
 };
 
 }  // namespace qbrix::ui

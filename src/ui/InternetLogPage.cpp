@@ -3,6 +3,7 @@
 #include <QTreeWidget>
 
 #include "core/StringTable.h"
+#include "events/LogSettings.h"
 #include "ui/Icons.h"
 #include "ui/LogList.h"
 
@@ -18,8 +19,8 @@ QString Str(int id) {
 
 InternetLogPage::InternetLogPage(QWidget* parent) : PropertyPage(Str(113), parent) {
     setObjectName("InternetLogPage");
-    m_list = MakeLogList(this, {Str(56), Str(65), Str(2), Str(4), Str(5)},
-                         {150, 120, 120, 80, 80});
+    m_list = MakeLogList(this, {Str(56), Str(65), Str(2), Str(4), Str(5)}, {150, 120, 120, 80, 80});
+    AddDeleteLogMenu(m_list, [this] { DeleteLog(); });
 }
 
 void InternetLogPage::SetRedraw(bool on) {
@@ -30,7 +31,9 @@ int InternetLogPage::RowCount() {
     return m_list->topLevelItemCount();
 }
 
-void InternetLogPage::DeleteLastRow() { DeleteBottomRow(m_list); }
+void InternetLogPage::DeleteLastRow() {
+    DeleteBottomRow(m_list);
+}
 
 void InternetLogPage::InsertTopRow(const events::ActivityRow& row) {
     auto* item = new QTreeWidgetItem();
@@ -43,6 +46,10 @@ void InternetLogPage::InsertTopRow(const events::ActivityRow& row) {
     item->setIcon(0, ActivityIcon(row.icon));
     item->setData(0, kIconRole, row.icon);
     m_list->insertTopLevelItem(0, item);
+}
+
+void InternetLogPage::DeleteLog() {
+    ui::DeleteLog(m_list, events::ReadInternetLogSettings().fileName);
 }
 
 }  // namespace qbrix::ui

@@ -22,6 +22,9 @@ class InternetLogPage : public PropertyPage, public events::ActivityLogView {
     void DeleteLastRow() override;
     void InsertTopRow(const events::ActivityRow& row) override;
 
+    // The list's "Delete": after a confirmation, empties the page's log file and the list.
+    void DeleteLog();
+
     QTreeWidget* List() const { return m_list; }
 
   private:

@@ -1,7 +1,14 @@
 #include "ui/LogList.h"
 
+#include <unistd.h>
+
+#include <QMenu>
 #include <QTreeWidget>
 #include <QVBoxLayout>
+#include <cerrno>
+
+#include "core/Messages.h"
+#include "core/StringTable.h"
 
 namespace qbrix::ui {
 
@@ -26,6 +33,37 @@ void DeleteBottomRow(QTreeWidget* list) {
     if (list->topLevelItemCount() > 0) {
         delete list->takeTopLevelItem(list->topLevelItemCount() - 1);
     }
+}
+
+void AddDeleteLogMenu(QTreeWidget* list, std::function<void()> deleteLog) {
+    list->setContextMenuPolicy(Qt::CustomContextMenu);
+    QObject::connect(list, &QWidget::customContextMenuRequested, list,
+                     [list, deleteLog = std::move(deleteLog)](const QPoint& at) {
+                         QMenu menu;
+                         QAction* remove =
+                             menu.addAction(QString::fromStdString(core::LoadString(5962)));
+                         if (menu.exec(list->viewport()->mapToGlobal(at)) == remove) {
+                             deleteLog();
+                         }
+                     });
+}
+
+void DeleteLog(QTreeWidget* list, const std::string& fileName) {
+    constexpr int kAskText = 114;      // "Are You sure to delete log?"
+    constexpr int kAskCaption = 115;   // "Deleting Log"
+    constexpr int kFailText = 116;     // "Cannot write log"
+    constexpr int kFailCaption = 117;  // "Error"
+    core::Messages& messages = core::CurrentMessages();
+    if (messages.MessageBox(core::LoadString(kAskText), core::LoadString(kAskCaption),
+                            core::MB_YESNO | core::MB_ICONQUESTION) != core::IDYES) {
+        return;
+    }
+    if (!fileName.empty() && truncate(fileName.c_str(), 0) != 0 && errno != ENOENT) {
+        messages.MessageBox(core::LoadString(kFailText), core::LoadString(kFailCaption),
+                            core::MB_OK | core::MB_ICONERROR);
+        return;
+    }
+    list->clear();
 }
 
 }  // namespace qbrix::ui

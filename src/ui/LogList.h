@@ -2,7 +2,9 @@
 #pragma once
 
 #include <QStringList>
+#include <functional>
 #include <initializer_list>
+#include <string>
 
 class QTreeWidget;
 class QWidget;
@@ -16,5 +18,13 @@ QTreeWidget* MakeLogList(QWidget* page, const QStringList& headers,
 
 // Drops the oldest (bottom) row, when there is one.
 void DeleteBottomRow(QTreeWidget* list);
+
+// The list's right-click menu with "Delete", which runs `deleteLog`.
+void AddDeleteLogMenu(QTreeWidget* list, std::function<void()> deleteLog);
+
+// "Delete" of a log page: asks "Are You sure to delete log?" (caption "Deleting Log"); on Yes
+// empties the log file `fileName` (a missing file is already empty) and then the list. A file
+// that cannot be emptied is reported as "Cannot write log" (caption "Error") and the rows stay.
+void DeleteLog(QTreeWidget* list, const std::string& fileName);
 
 }  // namespace qbrix::ui

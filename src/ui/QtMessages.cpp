@@ -79,19 +79,23 @@ core::NoAskAnswer QtMessages::AskNoAsk(std::string_view title, std::string_view 
     return core::NoAskAnswer{ok, ok && window.DontAskAgain()};
 }
 
-void QtMessages::Beep(unsigned /*type*/) { QApplication::beep(); }
+void QtMessages::Beep(unsigned /*type*/) {
+    QApplication::beep();
+}
 
-namespace {
-
-// "Description|*.ext|Description|*.ext" to Qt's "Description (*.ext);;Description (*.ext)".
 QString QtFilter(std::string_view filter) {
     QStringList parts = FromView(filter).split('|', Qt::SkipEmptyParts);
     QStringList entries;
     for (int i = 0; i + 1 < parts.size(); i += 2) {
-        entries << QString("%1 (%2)").arg(parts[i], QString(parts[i + 1]).replace(';', ' '));
+        const QString patterns = QString(parts[i + 1]).replace(';', ' ');
+        const QString shown = "(" + patterns + ")";
+        // A description usually names its patterns already ("Rule Files (*.xml)").
+        entries << (parts[i].contains(shown) ? parts[i] : parts[i] + " " + shown);
     }
     return entries.join(";;");
 }
+
+namespace {
 
 std::string Chosen(QFileDialog& dialog, std::string_view defaultExtension) {
     if (!defaultExtension.empty()) {
@@ -139,6 +143,8 @@ NoAskWindow::NoAskWindow(const QString& title, const QString& message, QWidget* 
     layout->addWidget(buttons);
 }
 
-bool NoAskWindow::DontAskAgain() const { return m_dontAsk->isChecked(); }
+bool NoAskWindow::DontAskAgain() const {
+    return m_dontAsk->isChecked();
+}
 
 }  // namespace qbrix::ui

@@ -442,7 +442,8 @@ void RuleEditor::TestWholeRule() {
     fields.main = m_main.Read();
     fields.replace = m_replace.Read();
     content::WholeRuleReport report;
-    if (content::RunWholeRuleTest(m_rule, fields, ToStd(m_sample->toPlainText()), report) == 0) {
+    if (content::RunWholeRuleTest(m_rule, fields, EngineText(m_sample->toPlainText()), report) ==
+        0) {
         m_showReport(report);
     }
 }

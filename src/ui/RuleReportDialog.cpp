@@ -5,6 +5,7 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QVBoxLayout>
+#include <algorithm>
 
 #include "core/StringTable.h"
 
@@ -14,6 +15,28 @@ QString ShownText(const std::string& text) {
     QString shown = QString::fromStdString(text);
     shown.replace("\r\n", "\n");
     return shown;
+}
+
+std::string EngineText(const QString& shown) {
+    const std::string text = shown.toStdString();
+    std::string engine;
+    engine.reserve(text.size() + text.size() / 16);
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\n' && (i == 0 || text[i - 1] != '\r')) {
+            engine.push_back('\r');
+        }
+        engine.push_back(text[i]);
+    }
+    return engine;
+}
+
+int ShownOffset(const std::string& text, std::int32_t byteOffset) {
+    if (byteOffset <= 0) {
+        return 0;
+    }
+    const std::size_t bytes =
+        std::min<std::size_t>(static_cast<std::size_t>(byteOffset), text.size());
+    return static_cast<int>(ShownText(text.substr(0, bytes)).size());
 }
 
 RuleReportDialog::RuleReportDialog(const content::WholeRuleReport& report, QWidget* parent)

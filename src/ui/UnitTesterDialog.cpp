@@ -27,20 +27,11 @@ QLineEdit* AddLine(QGridLayout* grid, int row, QWidget* label, QWidget* owner, c
     return edit;
 }
 
-// The engine counts bytes of the narrow text; the box counts characters.
-int CharacterOffset(const std::string& text, std::int32_t byteOffset) {
-    if (byteOffset <= 0) {
-        return 0;
-    }
-    const std::size_t bytes =
-        std::min<std::size_t>(static_cast<std::size_t>(byteOffset), text.size());
-    return static_cast<int>(QString::fromStdString(text.substr(0, bytes)).size());
-}
-
+// The engine counts bytes of its CR LF text; the box counts characters of what it shows.
 void Select(QPlainTextEdit* box, const std::string& text, std::int32_t start, std::int32_t end) {
     QTextCursor cursor = box->textCursor();
-    cursor.setPosition(CharacterOffset(text, start));
-    cursor.setPosition(CharacterOffset(text, end), QTextCursor::KeepAnchor);
+    cursor.setPosition(ShownOffset(text, start));
+    cursor.setPosition(ShownOffset(text, end), QTextCursor::KeepAnchor);
     box->setTextCursor(cursor);
 }
 
@@ -97,13 +88,13 @@ UnitTesterDialog::UnitTesterDialog(content::RegRuleMatcher& unit, QWidget* paren
 }
 
 void UnitTesterDialog::RunTest() {
-    const std::string input = m_input->toPlainText().toStdString();
+    const std::string input = EngineText(m_input->toPlainText());
     content::UnitTestReport report;
     if (content::RunUnitTest(m_unit, m_fields.Read(), input, report) != 0) {
         return;
     }
     m_results->setText(QString::fromStdString(report.results));
-    m_output->setPlainText(QString::fromStdString(report.output));
+    m_output->setPlainText(ShownText(report.output));
     if (report.selectInput) {
         Select(m_input, input, report.selectionStart, report.selectionEnd);
     }

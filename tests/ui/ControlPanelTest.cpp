@@ -5,6 +5,7 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QComboBox>
+#include <QDesktopServices>
 #include <QDialog>
 #include <QElapsedTimer>
 #include <QMenu>
@@ -12,11 +13,14 @@
 #include <QSignalSpy>
 #include <QTabWidget>
 #include <QTest>
+#include <QTextBrowser>
 #include <QTimer>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "core/Messages.h"
+#include "platform/Platform.h"
 #include "support/TempPlatform.h"
 #include "ui/ControlPanel.h"
 
@@ -24,7 +28,7 @@ namespace qbrix::ui {
 namespace {
 
 class EditablePage : public PropertyPage {
-public:
+  public:
     using PropertyPage::PropertyPage;
     bool HasUnsavedChanges() override { return ++asked, dirty; }
     void SaveOrDiscard(bool save) override {
@@ -37,10 +41,10 @@ public:
 };
 
 class ControlPanelTest : public ::testing::Test {
-protected:
+  protected:
     ControlPanelTest() {
-        const char* captions[] = {"Programs", "Content Options", "Zones", "Statistics",
-                                  "Settings", "Internet Log", "Content Log"};
+        const char* captions[] = {"Programs", "Content Options", "Zones",      "Statistics",
+                                  "Settings", "Internet Log",    "Content Log"};
         PanelParts parts;
         for (const char* caption : captions) {
             auto* page = new EditablePage(caption);
@@ -154,11 +158,32 @@ TEST_F(ControlPanelTest, TrayMenuIsBuiltInItsOrder) {
     EXPECT_EQ(4, m_panel->Tabs()->currentIndex());
 }
 
+TEST_F(ControlPanelTest, HelpOpensTheInstalledGuideWithTheDesktopsViewer) {
+    const std::string path = platform::ProgramFile(ControlPanel::kHelpFile);
+    m_panel->OpenHelp();  // no file yet
+    ASSERT_EQ(1u, m_messages.shown.size());
+    EXPECT_EQ("The help file " + path + " is missing.", m_messages.shown[0].text);
+    EXPECT_EQ("Help", m_messages.shown[0].caption);
+
+    std::ofstream(path) << "<html><body><h1>Guide</h1></body></html>";
+    QTextBrowser viewer;  // stands in for the desktop's viewer of local files
+    QDesktopServices::setUrlHandler("file", &viewer, "setSource");
+    m_panel->OpenHelp();
+    QDesktopServices::unsetUrlHandler("file");
+    EXPECT_EQ(QUrl::fromLocalFile(QString::fromStdString(path)), viewer.source());
+    EXPECT_EQ(1u, m_messages.shown.size());
+
+    m_panel->SetUrlOpener([](const QUrl&) { return false; });  // no viewer on this desktop
+    m_panel->OpenHelp();
+    ASSERT_EQ(2u, m_messages.shown.size());
+    EXPECT_EQ("No program to show the help file " + path + " was found.", m_messages.shown[1].text);
+}
+
 TEST_F(ControlPanelTest, EachTickRunsTheFourStepsInOrder) {
     m_panel->Tick();
     m_panel->Tick();
-    EXPECT_EQ((std::vector<std::string>{"ask", "activity", "content", "statistics", "ask", "activity",
-                                        "content", "statistics"}),
+    EXPECT_EQ((std::vector<std::string>{"ask", "activity", "content", "statistics", "ask",
+                                        "activity", "content", "statistics"}),
               m_steps);
 }
 

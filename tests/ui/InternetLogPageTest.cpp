@@ -3,15 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <QTreeWidget>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 
+#include "core/Messages.h"
 #include "driver/DriverControl.h"
+#include "events/LogSettings.h"
 #include "events/PollActivity.h"
 #include "platform/Device.h"
 #include "support/FakeDriverPeer.h"
 #include "support/TempPlatform.h"
 #include "ui/InternetLogPage.h"
+#include "ui/LogList.h"
 
 namespace qbrix::ui {
 namespace {
@@ -115,6 +120,35 @@ TEST_F(InternetLogPageTest, TheRowAfterTheLimitPushesOutTheOldest) {
     ASSERT_EQ(m_page.RowCount(), 1001);
     EXPECT_EQ(Text(0, 0), "/usr/bin/newest");
     EXPECT_EQ(Text(1000, 0), "old 1");
+}
+
+TEST_F(InternetLogPageTest, DeleteAsksThenEmptiesTheLogFileAndTheList) {
+    events::ActivityRow row;
+    row.application = "/usr/bin/browser";
+    m_page.InsertTopRow(row);
+    const std::string file = events::ReadInternetLogSettings().fileName;
+    std::ofstream(file) << "line\r\n";
+    m_messages.QueueBoxAnswer(core::IDNO);
+    m_page.DeleteLog();
+    ASSERT_EQ(m_messages.shown.size(), 1u);
+    EXPECT_EQ(m_messages.shown[0].text, "Are You sure to delete log?");
+    EXPECT_EQ(m_messages.shown[0].caption, "Deleting Log");
+    EXPECT_EQ(m_page.RowCount(), 1);
+    EXPECT_EQ(std::filesystem::file_size(file), 6u);
+
+    m_page.DeleteLog();  // Yes
+    EXPECT_EQ(m_page.RowCount(), 0);
+    EXPECT_EQ(std::filesystem::file_size(file), 0u);
+
+    // A log that cannot be written keeps its rows.
+    m_page.InsertTopRow(row);
+    const std::string directory = file + ".d";
+    std::filesystem::create_directory(directory);
+    DeleteLog(m_page.List(), directory);
+    ASSERT_EQ(m_messages.shown.size(), 4u);
+    EXPECT_EQ(m_messages.shown[3].text, "Cannot write log");
+    EXPECT_EQ(m_messages.shown[3].caption, "Error");
+    EXPECT_EQ(m_page.RowCount(), 1);
 }
 
 }  // namespace

@@ -185,6 +185,34 @@ TEST_F(RuleEditorTest, UnitTesterShowsAndSelectsTheFoundRange) {
     EXPECT_EQ(Find<QPlainTextEdit>(tester, "output")->toPlainText(), "");
 }
 
+TEST_F(RuleEditorTest, TestersGiveTheEngineCrLfLineEnds) {
+    content::RegRuleMatcher unit;
+    UnitTesterDialog tester(unit);
+    Type(tester, "find", "b\\r\\nc");
+    Find<QPlainTextEdit>(tester, "input")->setPlainText("ab\ncd\ne");
+    tester.RunTest();
+    EXPECT_EQ(Find<QLineEdit>(tester, "results")->text(), "Found from 1 to 5 (b\r\nc)");
+    EXPECT_EQ(Find<QPlainTextEdit>(tester, "output")->toPlainText(), "b\nc");
+    EXPECT_EQ(Find<QPlainTextEdit>(tester, "input")->textCursor().selectedText(),
+              QString("b") + QChar::ParagraphSeparator + "c");
+    Find<QCheckBox>(tester, "replaceOn")->setChecked(true);
+    Type(tester, "replace", "X");
+    tester.RunTest();
+    EXPECT_EQ(Find<QPlainTextEdit>(tester, "output")->toPlainText(), "aXd\ne");
+
+    content::ContentRule& rule = AddRule(content::kHttpRow, "r", "");
+    RuleEditor editor(rule, m_settings);
+    content::WholeRuleReport shown;
+    editor.SetReportRunner([&](const content::WholeRuleReport& report) { shown = report; });
+    Find<QCheckBox>(editor, "enable")->setChecked(true);
+    Type(editor, "mainFind", "\\r\\n");
+    Find<QCheckBox>(editor, "mainReplaceOn")->setChecked(true);
+    Type(editor, "mainReplace", "|");
+    Find<QPlainTextEdit>(editor, "sample")->setPlainText("a\nb");
+    editor.TestWholeRule();
+    EXPECT_EQ(shown.resultText, "a|b");
+}
+
 TEST_F(RuleEditorTest, UnitTesterTakesAMegabyteSample) {
     content::RegRuleMatcher unit;
     UnitTesterDialog tester(unit);

@@ -15,6 +15,7 @@
 #include "core/RegistryKey.h"
 #include "core/RegistryPaths.h"
 #include "ui/DialogSetup.h"
+#include "ui/QtMessages.h"
 #include "ui/ZonesPage.h"
 
 namespace qbrix::ui {
@@ -152,6 +153,9 @@ TEST_F(ZonesPageTest, TheDialogsUseTheRuleFileFilterAndTheZonesFileName) {
     EXPECT_EQ(m_messages.shown.back().kind, "save");
     EXPECT_EQ(m_messages.shown.back().text, "Disable_External");
     EXPECT_EQ(m_messages.shown.back().filter, "Rule Files (*.xml)|*.xml|All Files (*.*)|*.*||");
+    // The dialog's labels name each pattern once.
+    EXPECT_EQ(QtFilter(m_messages.shown.back().filter), "Rule Files (*.xml);;All Files (*.*)");
+    EXPECT_EQ(QtFilter("Logs|*.log;*.txt|"), "Logs (*.log *.txt)");
 }
 
 TEST_F(ZonesPageTest, LanWithoutANetworkSaysSoAndChangesNothing) {
