@@ -63,8 +63,8 @@ std::optional<std::string> DecodeWide(std::string_view bytes, int unit, bool big
     auto read = [&](std::size_t at) {
         char32_t value = 0;
         for (int i = 0; i < unit; ++i) {
-            auto byte = static_cast<unsigned char>(bytes[at + static_cast<std::size_t>(
-                                                                  bigEndian ? i : unit - 1 - i)]);
+            auto byte = static_cast<unsigned char>(
+                bytes[at + static_cast<std::size_t>(bigEndian ? i : unit - 1 - i)]);
             value = value << 8 | byte;
         }
         return value;
@@ -207,10 +207,10 @@ bool TakeReference(std::string_view text, std::size_t& at) {
     }
     char32_t value = 0;
     for (char c : digits) {
-        int digit = c >= '0' && c <= '9'                 ? c - '0'
-                    : hex && c >= 'a' && c <= 'f'        ? c - 'a' + 10
-                    : hex && c >= 'A' && c <= 'F'        ? c - 'A' + 10
-                                                         : -1;
+        int digit = c >= '0' && c <= '9'          ? c - '0'
+                    : hex && c >= 'a' && c <= 'f' ? c - 'a' + 10
+                    : hex && c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                                  : -1;
         if (digit < 0) {
             return false;
         }

@@ -10,9 +10,8 @@ QString FromAnsi(std::string_view text) {
 }
 
 std::string ToAnsi(const QString& text) {
-    return platform::Utf16ToAnsi(
-        std::u16string_view(reinterpret_cast<const char16_t*>(text.utf16()),
-                            static_cast<std::size_t>(text.size())));
+    return platform::Utf16ToAnsi(std::u16string_view(
+        reinterpret_cast<const char16_t*>(text.utf16()), static_cast<std::size_t>(text.size())));
 }
 
 }  // namespace qbrix::ui

@@ -1,9 +1,11 @@
 #include "ui/ContentLogPage.h"
 
+#include <QFile>
 #include <QTabWidget>
 #include <QTreeWidget>
 
 #include "core/StringTable.h"
+#include "ui/AnsiText.h"
 #include "ui/ContentDetailsDialog.h"
 #include "ui/DialogPresenter.h"
 #include "ui/LogList.h"
@@ -13,7 +15,7 @@ namespace qbrix::ui {
 namespace {
 
 QString Str(int id) {
-    return QString::fromStdString(core::LoadString(id));
+    return FromAnsi(core::LoadString(id));
 }
 
 }  // namespace
@@ -35,13 +37,16 @@ int ContentLogPage::RowCount() {
     return m_list->topLevelItemCount();
 }
 
-void ContentLogPage::DeleteLastRow() { DeleteBottomRow(m_list); }
+void ContentLogPage::DeleteLastRow() {
+    DeleteBottomRow(m_list);
+}
 
 void ContentLogPage::InsertTopRow(const events::ContentRow& row) {
     auto* item = new QTreeWidgetItem();
     const std::string* texts[] = {&row.type, &row.name, &row.address, &row.quarantine};
     for (int column = 0; column < 4; ++column) {
-        item->setText(column, QString::fromStdString(*texts[column]));
+        item->setText(column, column == 3 ? QFile::decodeName(texts[column]->c_str())
+                                          : FromAnsi(*texts[column]));
         item->setToolTip(column, item->text(column));
     }
     m_list->insertTopLevelItem(0, item);

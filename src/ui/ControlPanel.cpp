@@ -17,6 +17,7 @@
 #include "core/StringTable.h"
 #include "platform/Platform.h"
 #include "ui/AboutBox.h"
+#include "ui/AnsiText.h"
 #include "ui/Icons.h"
 
 namespace qbrix::ui {
@@ -26,7 +27,9 @@ namespace {
 constexpr char kVersionText[] = "3.1.091";
 constexpr int kTipLength = 127;
 
-QString Str(int id) { return QString::fromStdString(core::LoadString(id)); }
+QString Str(int id) {
+    return FromAnsi(core::LoadString(id));
+}
 
 }  // namespace
 

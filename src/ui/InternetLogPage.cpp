@@ -3,6 +3,7 @@
 #include <QTreeWidget>
 
 #include "core/StringTable.h"
+#include "ui/AnsiText.h"
 #include "ui/Icons.h"
 #include "ui/LogList.h"
 
@@ -11,15 +12,14 @@ namespace qbrix::ui {
 namespace {
 
 QString Str(int id) {
-    return QString::fromStdString(core::LoadString(id));
+    return FromAnsi(core::LoadString(id));
 }
 
 }  // namespace
 
 InternetLogPage::InternetLogPage(QWidget* parent) : PropertyPage(Str(113), parent) {
     setObjectName("InternetLogPage");
-    m_list = MakeLogList(this, {Str(56), Str(65), Str(2), Str(4), Str(5)},
-                         {150, 120, 120, 80, 80});
+    m_list = MakeLogList(this, {Str(56), Str(65), Str(2), Str(4), Str(5)}, {150, 120, 120, 80, 80});
 }
 
 void InternetLogPage::SetRedraw(bool on) {
@@ -30,14 +30,16 @@ int InternetLogPage::RowCount() {
     return m_list->topLevelItemCount();
 }
 
-void InternetLogPage::DeleteLastRow() { DeleteBottomRow(m_list); }
+void InternetLogPage::DeleteLastRow() {
+    DeleteBottomRow(m_list);
+}
 
 void InternetLogPage::InsertTopRow(const events::ActivityRow& row) {
     auto* item = new QTreeWidgetItem();
     const std::string* texts[] = {&row.application, &row.ruleName, &row.address, &row.date,
                                   &row.time};
     for (int column = 0; column < 5; ++column) {
-        item->setText(column, QString::fromStdString(*texts[column]));
+        item->setText(column, FromAnsi(*texts[column]));
     }
     item->setToolTip(0, item->text(0));
     item->setIcon(0, ActivityIcon(row.icon));

@@ -6,18 +6,19 @@
 #include <QPlainTextEdit>
 #include <QRegularExpression>
 #include <QTabWidget>
+#include <QTreeWidget>
 #include <cstdio>
 #include <memory>
-#include <QTreeWidget>
 
 #include "content/LspSettings.h"
 #include "content/RuleEditorSupport.h"
 #include "content/RuleTestReport.h"
 #include "core/StringTable.h"
 #include "events/ContentEvent.h"
-#include "stats/StatChartText.h"
 #include "policy/PresetZones.h"
+#include "stats/StatChartText.h"
 #include "ui/AboutBox.h"
+#include "ui/AnsiText.h"
 #include "ui/BarChart.h"
 #include "ui/ContentDetailsDialog.h"
 #include "ui/ControlPanel.h"
@@ -50,7 +51,7 @@ bool Save(QWidget& widget, const QString& path, QStringList& written) {
 }
 
 QString Str(int id) {
-    return QString::fromStdString(core::LoadString(id));
+    return FromAnsi(core::LoadString(id));
 }
 
 void CopyText(char* field, std::size_t width, const char* text) {
@@ -75,8 +76,7 @@ void FillSampleChart(BarChart& chart) {
     for (int row = 0; row < 7; ++row) {
         model.SetRowLabel(row, days[row]);
         for (int column = 0; column < 4; ++column) {
-            model.SetCellText(row, column,
-                              QString::fromStdString(stats::ChartCellText(bytes[row][column])));
+            model.SetCellText(row, column, FromAnsi(stats::ChartCellText(bytes[row][column])));
         }
     }
 }

@@ -13,6 +13,7 @@
 #include <QPushButton>
 #include <QVBoxLayout>
 
+#include "ui/AnsiText.h"
 #include "ui/DialogPresenter.h"
 #include "ui/Icons.h"
 
@@ -20,11 +21,9 @@ namespace qbrix::ui {
 
 namespace {
 
-// Record texts are bytes of the platform's character set; anything that is not UTF-8 is shown
-// as Latin-1 rather than lost.
+// Record texts are bytes of the program's code page.
 QString RecordText(const std::string& text) {
-    QString decoded = QString::fromUtf8(text);
-    return decoded.contains(QChar::ReplacementCharacter) ? QString::fromLatin1(text) : decoded;
+    return FromAnsi(text);
 }
 
 QLineEdit* ReadOnly(QWidget* parent, const char* id, const std::string& text) {
@@ -45,7 +44,7 @@ void RefillingComboBox::showPopup() {
 }
 
 QIcon ProgramFileIcon(const std::string& path) {
-    QFileInfo file(QString::fromLocal8Bit(path));
+    QFileInfo file(QFile::decodeName(path.c_str()));
     if (path.empty() || !file.isFile()) {
         return QIcon();
     }

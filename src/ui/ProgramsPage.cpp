@@ -11,6 +11,7 @@
 #include "core/DiagLog.h"
 #include "core/Messages.h"
 #include "driver/DriverControl.h"
+#include "ui/AnsiText.h"
 #include "ui/Icons.h"
 #include "ui/PermissionDialog.h"
 
@@ -22,8 +23,7 @@ enum Column { kName = 0, kZone = 1, kPath = 2, kImage = 3 };
 constexpr int kZoneColumnWidth = 120;
 
 QString RecordText(const std::string& text) {
-    QString decoded = QString::fromUtf8(text);
-    return decoded.contains(QChar::ReplacementCharacter) ? QString::fromLatin1(text) : decoded;
+    return FromAnsi(text);
 }
 
 }  // namespace
@@ -79,8 +79,8 @@ void ProgramsPage::ShowRows() {
         }
         const auto& row = rows[i];
         QString path = RecordText(row.path);
-        if (item->text(kImage) != QString::fromStdString(row.imageName) ||
-            item->text(kPath) != path || item->icon(kName).isNull()) {
+        if (item->text(kImage) != FromAnsi(row.imageName) || item->text(kPath) != path ||
+            item->icon(kName).isNull()) {
             QIcon icon = ProgramFileIcon(row.path);
             item->setIcon(kName, icon.isNull() ? DefaultProgramIcon() : icon);
             ++m_iconsAdded;
@@ -89,7 +89,7 @@ void ProgramsPage::ShowRows() {
         item->setText(kZone, RecordText(row.zoneName));
         item->setTextAlignment(kZone, Qt::AlignCenter);
         item->setText(kPath, path);
-        item->setText(kImage, QString::fromStdString(row.imageName));
+        item->setText(kImage, FromAnsi(row.imageName));
         item->setToolTip(kName, path.isEmpty() ? item->text(kImage) : path);
     }
     if (m_model.Selected() >= 0) {
@@ -108,7 +108,7 @@ int ProgramsPage::AddProgram(const policy::AppRecord& record) {
     int existed = m_model.AddProgram(record);
     ShowRows();
     std::string imageName(driver::FieldText(record.imageName));
-    auto found = m_list->findItems(QString::fromStdString(imageName), Qt::MatchExactly, kImage);
+    auto found = m_list->findItems(FromAnsi(imageName), Qt::MatchExactly, kImage);
     if (!found.isEmpty()) {
         m_list->scrollToItem(found[0]);
     }

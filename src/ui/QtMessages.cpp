@@ -3,17 +3,20 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QDialogButtonBox>
+#include <QFile>
 #include <QFileDialog>
 #include <QLabel>
 #include <QMessageBox>
 #include <QVBoxLayout>
+
+#include "ui/AnsiText.h"
 
 namespace qbrix::ui {
 
 namespace {
 
 QString FromView(std::string_view text) {
-    return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
+    return FromAnsi(text);
 }
 
 QMessageBox::Icon IconOf(unsigned style) {
@@ -79,7 +82,9 @@ core::NoAskAnswer QtMessages::AskNoAsk(std::string_view title, std::string_view 
     return core::NoAskAnswer{ok, ok && window.DontAskAgain()};
 }
 
-void QtMessages::Beep(unsigned /*type*/) { QApplication::beep(); }
+void QtMessages::Beep(unsigned /*type*/) {
+    QApplication::beep();
+}
 
 namespace {
 
@@ -100,7 +105,7 @@ std::string Chosen(QFileDialog& dialog, std::string_view defaultExtension) {
     if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty()) {
         return std::string();
     }
-    return dialog.selectedFiles().first().toStdString();
+    return QFile::encodeName(dialog.selectedFiles().first()).toStdString();
 }
 
 }  // namespace
@@ -139,6 +144,8 @@ NoAskWindow::NoAskWindow(const QString& title, const QString& message, QWidget* 
     layout->addWidget(buttons);
 }
 
-bool NoAskWindow::DontAskAgain() const { return m_dontAsk->isChecked(); }
+bool NoAskWindow::DontAskAgain() const {
+    return m_dontAsk->isChecked();
+}
 
 }  // namespace qbrix::ui

@@ -7,11 +7,12 @@
 #include <QVBoxLayout>
 
 #include "core/StringTable.h"
+#include "ui/AnsiText.h"
 
 namespace qbrix::ui {
 
 QString ShownText(const std::string& text) {
-    QString shown = QString::fromStdString(text);
+    QString shown = FromAnsi(text);
     shown.replace("\r\n", "\n");
     return shown;
 }
@@ -19,7 +20,7 @@ QString ShownText(const std::string& text) {
 RuleReportDialog::RuleReportDialog(const content::WholeRuleReport& report, QWidget* parent)
     : QDialog(parent) {
     setObjectName("RuleReport");
-    setWindowTitle(QString::fromStdString(core::LoadString(5972)));
+    setWindowTitle(FromAnsi(core::LoadString(5972)));
     auto* layout = new QVBoxLayout(this);
     auto addBox = [&](const QString& title, const char* name, const std::string& text) {
         auto* group = new QGroupBox(title, this);
@@ -35,7 +36,7 @@ RuleReportDialog::RuleReportDialog(const content::WholeRuleReport& report, QWidg
     addBox("Result", "result", report.resultText);
     auto* buttons = new QHBoxLayout();
     buttons->addStretch(1);
-    auto* close = new QPushButton(QString::fromStdString(core::LoadString(23)), this);
+    auto* close = new QPushButton(FromAnsi(core::LoadString(23)), this);
     close->setObjectName("close");
     close->setDefault(true);
     connect(close, &QPushButton::clicked, this, &QDialog::accept);

@@ -13,6 +13,7 @@
 
 #include "content/RuleTestReport.h"
 #include "core/StringTable.h"
+#include "ui/AnsiText.h"
 #include "ui/RuleReportDialog.h"
 
 namespace qbrix::ui {
@@ -34,7 +35,7 @@ int CharacterOffset(const std::string& text, std::int32_t byteOffset) {
     }
     const std::size_t bytes =
         std::min<std::size_t>(static_cast<std::size_t>(byteOffset), text.size());
-    return static_cast<int>(QString::fromStdString(text.substr(0, bytes)).size());
+    return static_cast<int>(FromAnsi(text.substr(0, bytes)).size());
 }
 
 void Select(QPlainTextEdit* box, const std::string& text, std::int32_t start, std::int32_t end) {
@@ -49,7 +50,7 @@ void Select(QPlainTextEdit* box, const std::string& text, std::int32_t start, st
 UnitTesterDialog::UnitTesterDialog(content::RegRuleMatcher& unit, QWidget* parent)
     : QDialog(parent), m_unit(unit) {
     setObjectName("UnitTester");
-    setWindowTitle(QString::fromStdString(core::LoadString(5972)));
+    setWindowTitle(FromAnsi(core::LoadString(5972)));
     auto* layout = new QVBoxLayout(this);
 
     auto* ruleGroup = new QGroupBox("Rule to Test", this);
@@ -84,7 +85,7 @@ UnitTesterDialog::UnitTesterDialog(content::RegRuleMatcher& unit, QWidget* paren
     resultRow->addWidget(m_results, 1);
     auto* test = new QPushButton("Test", this);
     test->setObjectName("test");
-    auto* close = new QPushButton(QString::fromStdString(core::LoadString(23)), this);
+    auto* close = new QPushButton(FromAnsi(core::LoadString(23)), this);
     close->setObjectName("close");
     resultRow->addWidget(test);
     resultRow->addWidget(close);
@@ -97,13 +98,13 @@ UnitTesterDialog::UnitTesterDialog(content::RegRuleMatcher& unit, QWidget* paren
 }
 
 void UnitTesterDialog::RunTest() {
-    const std::string input = m_input->toPlainText().toStdString();
+    const std::string input = ToAnsi(m_input->toPlainText());
     content::UnitTestReport report;
     if (content::RunUnitTest(m_unit, m_fields.Read(), input, report) != 0) {
         return;
     }
-    m_results->setText(QString::fromStdString(report.results));
-    m_output->setPlainText(QString::fromStdString(report.output));
+    m_results->setText(FromAnsi(report.results));
+    m_output->setPlainText(FromAnsi(report.output));
     if (report.selectInput) {
         Select(m_input, input, report.selectionStart, report.selectionEnd);
     }

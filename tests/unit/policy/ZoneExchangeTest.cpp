@@ -168,7 +168,6 @@ TEST(ExportFileNameTest, SpacesColonsAndSlashesAreReplaced) {
     EXPECT_EQ(MakeExportFileName("Plain"), "Plain");
 }
 
-
 // A document, in the encoding given, through both importers: with %R the root (MASTER_ZONE,
 // MASTER_RULE), %U a unit (ZONERULE, MAIN) and %E its text element (NAME, COMMENT).
 enum class Encoding { kAsIs, kUtf8Mark, kUtf16Le, kUtf16Be, kUtf32Le, kUtf32Be, kUtf16LeNoMark };
@@ -257,10 +256,10 @@ INSTANTIATE_TEST_SUITE_P(
                      "<?xml version='1.0'?><%R NAME='a'><%U><%E>t</%E></%U></%R>\r\n", false, "a",
                      "t"},
         DocumentCase{"WholeTextAroundCommentsAndCdata", Encoding::kAsIs,
-                     "<%R NAME='a'><%U><%E> x<!--c-->y<![CDATA[<z>]]>\t</%E></%U></%R>", false,
-                     "a", " xy<z>\t"},
-        DocumentCase{"Blanks", Encoding::kAsIs, "<%R NAME='  '><%U><%E> \t </%E></%U></%R>",
-                     false, "  ", " \t "},
+                     "<%R NAME='a'><%U><%E> x<!--c-->y<![CDATA[<z>]]>\t</%E></%U></%R>", false, "a",
+                     " xy<z>\t"},
+        DocumentCase{"Blanks", Encoding::kAsIs, "<%R NAME='  '><%U><%E> \t </%E></%U></%R>", false,
+                     "  ", " \t "},
         DocumentCase{"References", Encoding::kAsIs,
                      "<%R NAME='&lt;&#233;&#x20AC;&#x100;'><%U><%E>&amp;&apos;</%E></%U></%R>",
                      false, "<\xE9\x80?", "&'"},
