@@ -4,6 +4,7 @@
 #include <fstream>
 #include <optional>
 #include <string_view>
+#include <unordered_set>
 
 #include "platform/CodePage.h"
 #include "platform/Text.h"
@@ -293,12 +294,12 @@ bool PassesLexicalChecks(std::string_view text) {
 
 // Duplicate attributes below `node`, found without recursion (the tree may be deep).
 bool HasDuplicateAttribute(pugi::xml_node node) {
+    std::unordered_set<std::string_view> names;
     for (pugi::xml_node current = node; current;) {
-        for (pugi::xml_attribute a = current.first_attribute(); a; a = a.next_attribute()) {
-            for (pugi::xml_attribute b = a.next_attribute(); b; b = b.next_attribute()) {
-                if (std::string_view(a.name()) == b.name()) {
-                    return true;
-                }
+        names.clear();
+        for (pugi::xml_attribute attribute : current.attributes()) {
+            if (!names.insert(attribute.name()).second) {
+                return true;
             }
         }
         if (current.first_child()) {
