@@ -26,8 +26,8 @@ QString RecordText(const std::string& text) {
     return FromAnsi(text);
 }
 
-QLineEdit* ReadOnly(QWidget* parent, const char* id, const std::string& text) {
-    auto* field = new QLineEdit(RecordText(text), parent);
+QLineEdit* ReadOnly(QWidget* parent, const char* id, const QString& text) {
+    auto* field = new QLineEdit(text, parent);
     field->setObjectName(id);
     field->setReadOnly(true);
     field->setCursorPosition(0);
@@ -64,9 +64,10 @@ PermissionDialog::PermissionDialog(policy::AppRecord& record, bool askMode, QWid
     auto* layout = new QVBoxLayout(this);
     auto* top = new QHBoxLayout();
     auto* form = new QFormLayout();
-    form->addRow("Application", ReadOnly(this, "Application", m_model->Application()));
-    form->addRow("Description", ReadOnly(this, "Description", m_model->Description()));
-    QLineEdit* connect = ReadOnly(this, "Connect", m_model->Connect());
+    form->addRow("Application",
+                 ReadOnly(this, "Application", QFile::decodeName(m_model->Application().c_str())));
+    form->addRow("Description", ReadOnly(this, "Description", RecordText(m_model->Description())));
+    QLineEdit* connect = ReadOnly(this, "Connect", RecordText(m_model->Connect()));
     form->addRow("Connect", connect);
     if (!askMode) {
         // Only a pending question has a connection attempt to show.

@@ -1,5 +1,6 @@
 #include "ui/ProgramsPage.h"
 
+#include <QFile>
 #include <QHeaderView>
 #include <QKeyEvent>
 #include <QMenu>
@@ -78,7 +79,7 @@ void ProgramsPage::ShowRows() {
             item = new QTreeWidgetItem(m_list);
         }
         const auto& row = rows[i];
-        QString path = RecordText(row.path);
+        QString path = QFile::decodeName(row.path.c_str());
         if (item->text(kImage) != FromAnsi(row.imageName) || item->text(kPath) != path ||
             item->icon(kName).isNull()) {
             QIcon icon = ProgramFileIcon(row.path);
