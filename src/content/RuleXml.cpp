@@ -2,14 +2,13 @@
 
 #include <climits>
 #include <cstdint>
-#include <fstream>
 #include <memory>
-#include <vector>
 
 #include <pugixml.hpp>
 
 #include "content/RuleEngine.h"
 #include "core/Messages.h"
+#include "core/XmlFile.h"
 
 namespace qbrix::content {
 
@@ -85,7 +84,7 @@ RegRule ReadUnit(pugi::xml_node element) {
             continue;
         }
         DWORD flag = ToNumber(child.attribute("ENABLE").value());
-        std::string text = child.text().get();
+        std::string text = core::XmlElementText(child);
         if (name == "FIND") {
             stored.find = std::move(text);
             stored.findFlag = flag;
@@ -100,20 +99,6 @@ RegRule ReadUnit(pugi::xml_node element) {
         }
     }
     return stored;
-}
-
-bool ReadWholeFile(const std::string& path, std::vector<char>& bytes) {
-    std::ifstream file(path, std::ios::binary | std::ios::ate);
-    if (!file) {
-        return false;
-    }
-    std::streamoff size = file.tellg();
-    if (size < 0 || static_cast<std::uint64_t>(size) > kMaxRuleFileBytes) {
-        return false;
-    }
-    bytes.resize(static_cast<std::size_t>(size));
-    file.seekg(0);
-    return static_cast<bool>(file.read(bytes.data(), size)) || size == 0;
 }
 
 bool EqualNoCase(std::string_view a, std::string_view b) {
@@ -151,21 +136,17 @@ void ExportContentRule(const ContentRule& rule, const std::string& path) {
         }
     }
     AppendUnit(root, "REPLACE", rule.replace);
-    document.save_file(path.c_str(), "", pugi::format_raw | pugi::format_no_declaration,
-                       pugi::encoding_utf8);
+    core::SaveXmlFile(document, path);
 }
 
 int ImportContentRule(ContentRule& rule, const std::string& path) {
-    std::vector<char> bytes;
-    if (!ReadWholeFile(path, bytes)) {
-        return 1;
-    }
     pugi::xml_document document;
     // Comments and processing instructions are kept so that one after the root is seen. Line
-    // ends inside texts are left as written, so a CR LF in a rule text survives the exchange.
+    // ends inside texts are left as written, so a CR LF in a rule text survives the exchange, and
+    // so are texts of blanks.
     unsigned options = (pugi::parse_default & ~pugi::parse_eol) | pugi::parse_pi |
-                       pugi::parse_comments | pugi::parse_declaration;
-    if (!document.load_buffer(bytes.data(), bytes.size(), options, pugi::encoding_utf8)) {
+                       pugi::parse_comments | pugi::parse_declaration | pugi::parse_ws_pcdata;
+    if (!core::LoadXmlFile(path, options, document)) {
         return 1;
     }
     pugi::xml_node root = document.last_child();

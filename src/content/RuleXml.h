@@ -7,18 +7,18 @@
 
 #include "content/ContentRule.h"
 #include "content/RuleList.h"
+#include "core/XmlFile.h"
 
 namespace qbrix::content {
 
-// Files larger than this are refused as unreadable: a rule file is a few kilobytes, and the
-// limit keeps a hostile file from taking unbounded memory.
-inline constexpr std::size_t kMaxRuleFileBytes = 16u * 1024u * 1024u;
+// Files larger than this are refused as unreadable.
+inline constexpr std::size_t kMaxRuleFileBytes = core::kMaxXmlFileBytes;
 
 // Writes the rule's file; a path that cannot be written leaves nothing behind. Nothing returned.
 void ExportContentRule(const ContentRule& rule, const std::string& path);
-// Fills a freshly made rule from a file. 1 when the file cannot be read or parsed, is too big,
-// or its last top-level node is not the element MASTER_RULE (so anything after the root is
-// refused); 0 otherwise.
+// Fills a freshly made rule from a file. 1 when the file is refused (core::LoadXmlFile) or its
+// last top-level node is not the element MASTER_RULE (so anything after the root is refused);
+// 0 otherwise.
 int ImportContentRule(ContentRule& rule, const std::string& path);
 
 // The file name proposed for exporting a rule: " " to "_", ":" to ".", "\" and "/" to "-".

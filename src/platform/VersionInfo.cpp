@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/CodePage.h"
 #include "platform/PathNames.h"
 #include "platform/Platform.h"
 #include "platform/Text.h"
@@ -303,9 +304,9 @@ BOOL VerQueryValueA(const void* block, std::string_view subBlock, void** buffer,
         *length = static_cast<UINT>(node->valueBytes);
         return 1;
     }
-    // Texts are handed out narrow, converted into the room after the resource (see
-    // GetFileVersionInfoA): a value at offset o gets the bytes from 2 * o on, which the widest
-    // conversion of the text and its terminator cannot overrun.
+    // Texts are handed out narrow, in the program's code page, converted into the room after the
+    // resource (see GetFileVersionInfoA): a value at offset o gets the bytes from 2 * o on, which
+    // the text and its terminator cannot overrun.
     std::u16string text;
     for (std::size_t at = node->valueAt; at + 2 <= node->valueAt + node->valueBytes; at += 2) {
         char16_t unit = BlockU16(bytes, at);
@@ -314,7 +315,7 @@ BOOL VerQueryValueA(const void* block, std::string_view subBlock, void** buffer,
         }
         text.push_back(unit);
     }
-    std::string narrow = Utf16ToUtf8(text);
+    std::string narrow = Utf16ToAnsi(text);
     char* target = reinterpret_cast<char*>(writable + Align4(total) + 2 * node->valueAt);
     std::memcpy(target, narrow.data(), narrow.size());
     target[narrow.size()] = '\0';

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <pugixml.hpp>
 
+#include "core/XmlFile.h"
 #include "platform/IpHelper.h"
 #include "policy/ZoneRules.h"
 
@@ -20,19 +21,6 @@ std::string Dotted(std::uint32_t hostOrder) {
 
 void AppendTextElement(pugi::xml_node parent, const char* name, const std::string& text) {
     parent.append_child(name).append_child(pugi::node_pcdata).set_value(text.c_str());
-}
-
-// The element's text as the document object reports it: all text below it, concatenated.
-std::string ElementText(const pugi::xml_node& node) {
-    std::string text;
-    for (pugi::xml_node child : node.children()) {
-        if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) {
-            text += child.value();
-        } else if (child.type() == pugi::node_element) {
-            text += ElementText(child);
-        }
-    }
-    return text;
 }
 
 // Leading decimal digits (with an optional sign); anything else reads as 0.
@@ -72,15 +60,16 @@ void ExportZone(const ZoneRecord& zone, const std::string& path) {
         AppendTextElement(element, "DIRECTION", std::to_string(rule.direction));
         AppendTextElement(element, "RESULT", std::to_string(rule.result));
     }
-    document.save_file(path.c_str(), "", pugi::format_raw | pugi::format_no_declaration,
-                       pugi::encoding_utf8);
+    core::SaveXmlFile(document, path);
 }
 
 int ImportZone(ZoneRecord& zone, const std::string& path) {
     pugi::xml_document document;
-    unsigned options =
-        pugi::parse_default | pugi::parse_pi | pugi::parse_comments | pugi::parse_declaration;
-    if (!document.load_file(path.c_str(), options)) {
+    // Texts of blanks are kept (a name of blanks survives the exchange), but do not count as a
+    // child below.
+    unsigned options = pugi::parse_default | pugi::parse_pi | pugi::parse_comments |
+                       pugi::parse_declaration | pugi::parse_ws_pcdata;
+    if (!core::LoadXmlFile(path, options, document)) {
         return 1;
     }
     pugi::xml_node root = document.last_child();
@@ -91,9 +80,15 @@ int ImportZone(ZoneRecord& zone, const std::string& path) {
     // At most 259 characters, so that the name keeps its terminator.
     std::string_view name = root.attribute("NAME").value();
     driver::SetFieldText(zone.name, name.substr(0, sizeof zone.name - 1));
-    pugi::xml_node child = root.first_child();
+    auto counted = [](pugi::xml_node node) {
+        while (node && node.type() == pugi::node_pcdata && core::IsXmlBlank(node.value())) {
+            node = node.next_sibling();
+        }
+        return node;
+    };
+    pugi::xml_node child = counted(root.first_child());
     for (int slot = 0; slot < driver::kZoneRuleSlots && child;
-         ++slot, child = child.next_sibling()) {
+         ++slot, child = counted(child.next_sibling())) {
         ZoneRule rule = EmptyRule();
         if (ParseZoneRule(child, "ZONERULE", rule) == 0) {
             zone.rules[slot] = rule;
@@ -112,7 +107,7 @@ int ParseZoneRule(const pugi::xml_node& element, std::string_view expectedName, 
             continue;
         }
         std::string_view name = child.name();
-        std::string text = ElementText(child);
+        std::string text = core::XmlElementText(child);
         if (name == "NAME") {
             driver::SetFieldText(rule.name, std::string_view(text).substr(0, kRuleNameLength));
         } else if (name == "IP") {

@@ -6,13 +6,14 @@
 #include <QVBoxLayout>
 
 #include "core/StringTable.h"
+#include "ui/AnsiText.h"
 #include "ui/Icons.h"
 
 namespace qbrix::ui {
 
 AboutBox::AboutBox(QWidget* parent) : QDialog(parent) {
     setObjectName("AboutBox");
-    setWindowTitle(QString("About ") + QString::fromStdString(core::LoadString(19)));
+    setWindowTitle(QString("About ") + FromAnsi(core::LoadString(19)));
     auto* layout = new QVBoxLayout(this);
     auto* top = new QHBoxLayout();
     auto* icon = new QLabel(this);

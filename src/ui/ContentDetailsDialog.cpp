@@ -1,5 +1,6 @@
 #include "ui/ContentDetailsDialog.h"
 
+#include <QFile>
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QLineEdit>
@@ -8,6 +9,7 @@
 
 #include "core/StringTable.h"
 #include "events/LogTexts.h"
+#include "ui/AnsiText.h"
 
 namespace qbrix::ui {
 
@@ -17,17 +19,17 @@ ContentDetailsDialog::ContentDetailsDialog(const events::ContentEvent& event, QW
     setWindowTitle("Internet Content Info");
     auto* layout = new QVBoxLayout(this);
     auto* form = new QFormLayout();
-    auto add = [&](const char* label, const char* name, const std::string& text) {
-        auto* field = new QLineEdit(QString::fromStdString(text), this);
+    auto add = [&](const char* label, const char* name, const QString& text) {
+        auto* field = new QLineEdit(text, this);
         field->setObjectName(name);
         field->setReadOnly(true);
         field->setCursorPosition(0);
         form->addRow(label, field);
     };
-    add("Type", "type", events::ContentKindLabel(event.type));
-    add("Name", "name", events::EventName(event));
-    add("Address", "address", events::EventAddress(event));
-    add("Quarantine", "quarantine", events::EventQuarantine(event));
+    add("Type", "type", FromAnsi(events::ContentKindLabel(event.type)));
+    add("Name", "name", FromAnsi(events::EventName(event)));
+    add("Address", "address", FromAnsi(events::EventAddress(event)));
+    add("Quarantine", "quarantine", QFile::decodeName(events::EventQuarantine(event).c_str()));
     layout->addLayout(form);
     auto* buttons = new QHBoxLayout();
     buttons->addStretch(1);

@@ -1,10 +1,12 @@
 #include "ui/ContentLogPage.h"
 
+#include <QFile>
 #include <QTabWidget>
 #include <QTreeWidget>
 
 #include "core/StringTable.h"
 #include "events/LogSettings.h"
+#include "ui/AnsiText.h"
 #include "ui/ContentDetailsDialog.h"
 #include "ui/DialogPresenter.h"
 #include "ui/LogList.h"
@@ -14,7 +16,7 @@ namespace qbrix::ui {
 namespace {
 
 QString Str(int id) {
-    return QString::fromStdString(core::LoadString(id));
+    return FromAnsi(core::LoadString(id));
 }
 
 }  // namespace
@@ -45,7 +47,8 @@ void ContentLogPage::InsertTopRow(const events::ContentRow& row) {
     auto* item = new QTreeWidgetItem();
     const std::string* texts[] = {&row.type, &row.name, &row.address, &row.quarantine};
     for (int column = 0; column < 4; ++column) {
-        item->setText(column, QString::fromStdString(*texts[column]));
+        item->setText(column, column == 3 ? QFile::decodeName(texts[column]->c_str())
+                                          : FromAnsi(*texts[column]));
         item->setToolTip(column, item->text(column));
     }
     m_list->insertTopLevelItem(0, item);

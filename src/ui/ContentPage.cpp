@@ -21,6 +21,7 @@
 #include "content/TrayRuleMenu.h"
 #include "core/Messages.h"
 #include "core/StringTable.h"
+#include "ui/AnsiText.h"
 #include "ui/Icons.h"
 #include "ui/NumericEdit.h"
 #include "ui/RuleEditor.h"
@@ -30,7 +31,7 @@ namespace qbrix::ui {
 namespace {
 
 QString Str(int id) {
-    return QString::fromStdString(core::LoadString(id));
+    return FromAnsi(core::LoadString(id));
 }
 
 constexpr unsigned kNumberBound = 0x7fffffff;
@@ -250,10 +251,10 @@ void ContentPage::FollowFilterEnable() {
 
 void ContentPage::SetLine(QTreeWidgetItem* item, const content::ContentRule& rule) {
     const int image = content::RuleLineImage(rule);
-    item->setText(0, QString::fromStdString(rule.name));
+    item->setText(0, FromAnsi(rule.name));
     item->setIcon(0, RuleLineIcon(image));
     item->setData(0, kImageRole, image);
-    item->setText(1, QString::fromStdString(rule.group));
+    item->setText(1, FromAnsi(rule.group));
     item->setText(2, QString());
 }
 
@@ -439,7 +440,7 @@ void ContentPage::FillTrayMenu(QMenu* menu, bool greyed) {
             menu->addSeparator();
             continue;
         }
-        QAction* action = menu->addAction(QString::fromStdString(entry.text));
+        QAction* action = menu->addAction(FromAnsi(entry.text));
         action->setData(entry.id);
         action->setCheckable(true);
         action->setChecked(entry.checked);

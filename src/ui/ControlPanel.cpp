@@ -18,6 +18,7 @@
 #include "core/StringTable.h"
 #include "platform/Platform.h"
 #include "ui/AboutBox.h"
+#include "ui/AnsiText.h"
 #include "ui/Icons.h"
 
 namespace qbrix::ui {
@@ -30,7 +31,7 @@ constexpr int kHelpMissingText = 124;
 constexpr int kNoHelpViewerText = 125;
 
 QString Str(int id) {
-    return QString::fromStdString(core::LoadString(id));
+    return FromAnsi(core::LoadString(id));
 }
 
 }  // namespace
@@ -168,11 +169,11 @@ void ControlPanel::OpenHelp() {
         core::CurrentMessages().MessageBox(text, core::LoadString(30),
                                            core::MB_OK | core::MB_ICONWARNING);
     };
-    if (!QFileInfo(QString::fromStdString(path)).isFile()) {
+    if (!QFileInfo(QFile::decodeName(path.c_str())).isFile()) {
         say(kHelpMissingText);
         return;
     }
-    const QUrl url = QUrl::fromLocalFile(QString::fromStdString(path));
+    const QUrl url = QUrl::fromLocalFile(QFile::decodeName(path.c_str()));
     const bool opened = m_openUrl ? m_openUrl(url) : QDesktopServices::openUrl(url);
     if (!opened) {
         say(kNoHelpViewerText);

@@ -4,6 +4,7 @@
 
 #include "core/StringTable.h"
 #include "events/LogSettings.h"
+#include "ui/AnsiText.h"
 #include "ui/Icons.h"
 #include "ui/LogList.h"
 
@@ -12,7 +13,7 @@ namespace qbrix::ui {
 namespace {
 
 QString Str(int id) {
-    return QString::fromStdString(core::LoadString(id));
+    return FromAnsi(core::LoadString(id));
 }
 
 }  // namespace
@@ -40,7 +41,7 @@ void InternetLogPage::InsertTopRow(const events::ActivityRow& row) {
     const std::string* texts[] = {&row.application, &row.ruleName, &row.address, &row.date,
                                   &row.time};
     for (int column = 0; column < 5; ++column) {
-        item->setText(column, QString::fromStdString(*texts[column]));
+        item->setText(column, FromAnsi(*texts[column]));
     }
     item->setToolTip(0, item->text(0));
     item->setIcon(0, ActivityIcon(row.icon));

@@ -1,14 +1,14 @@
 #include "ui/LogList.h"
 
-#include <unistd.h>
-
 #include <QMenu>
 #include <QTreeWidget>
 #include <QVBoxLayout>
-#include <cerrno>
+#include <filesystem>
+#include <system_error>
 
 #include "core/Messages.h"
 #include "core/StringTable.h"
+#include "ui/AnsiText.h"
 
 namespace qbrix::ui {
 
@@ -40,8 +40,7 @@ void AddDeleteLogMenu(QTreeWidget* list, std::function<void()> deleteLog) {
     QObject::connect(list, &QWidget::customContextMenuRequested, list,
                      [list, deleteLog = std::move(deleteLog)](const QPoint& at) {
                          QMenu menu;
-                         QAction* remove =
-                             menu.addAction(QString::fromStdString(core::LoadString(5962)));
+                         QAction* remove = menu.addAction(FromAnsi(core::LoadString(5962)));
                          if (menu.exec(list->viewport()->mapToGlobal(at)) == remove) {
                              deleteLog();
                          }
@@ -58,7 +57,11 @@ void DeleteLog(QTreeWidget* list, const std::string& fileName) {
                             core::MB_YESNO | core::MB_ICONQUESTION) != core::IDYES) {
         return;
     }
-    if (!fileName.empty() && truncate(fileName.c_str(), 0) != 0 && errno != ENOENT) {
+    std::error_code error;
+    if (!fileName.empty()) {
+        std::filesystem::resize_file(fileName, 0, error);
+    }
+    if (error && error != std::errc::no_such_file_or_directory) {
         messages.MessageBox(core::LoadString(kFailText), core::LoadString(kFailCaption),
                             core::MB_OK | core::MB_ICONERROR);
         return;

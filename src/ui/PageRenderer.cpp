@@ -20,6 +20,7 @@
 #include "stats/StatChartText.h"
 #include "stats/StatPeriodList.h"
 #include "ui/AboutBox.h"
+#include "ui/AnsiText.h"
 #include "ui/BarChart.h"
 #include "ui/ContentDetailsDialog.h"
 #include "ui/ControlPanel.h"
@@ -52,7 +53,7 @@ bool Save(QWidget& widget, const QString& path, QStringList& written) {
 }
 
 QString Str(int id) {
-    return QString::fromStdString(core::LoadString(id));
+    return FromAnsi(core::LoadString(id));
 }
 
 void CopyText(char* field, std::size_t width, const char* text) {
@@ -76,10 +77,9 @@ void FillSampleChart(BarChart& chart) {
     };
     model.SetRowCount(std::min(static_cast<int>(days.size()), 7));
     for (int row = 0; row < model.RowCount(); ++row) {
-        model.SetRowLabel(row, QString::fromStdString(days[row]));
+        model.SetRowLabel(row, FromAnsi(days[row]));
         for (int column = 0; column < 4; ++column) {
-            model.SetCellText(row, column,
-                              QString::fromStdString(stats::ChartCellText(bytes[row][column])));
+            model.SetCellText(row, column, FromAnsi(stats::ChartCellText(bytes[row][column])));
         }
     }
 }

@@ -14,6 +14,7 @@
 #include <QVBoxLayout>
 
 #include "platform/PathNames.h"
+#include "ui/AnsiText.h"
 #include "ui/DialogPresenter.h"
 #include "ui/Icons.h"
 
@@ -21,15 +22,13 @@ namespace qbrix::ui {
 
 namespace {
 
-// Record texts are bytes of the platform's character set; anything that is not UTF-8 is shown
-// as Latin-1 rather than lost.
+// Record texts are bytes of the program's code page.
 QString RecordText(const std::string& text) {
-    QString decoded = QString::fromUtf8(text);
-    return decoded.contains(QChar::ReplacementCharacter) ? QString::fromLatin1(text) : decoded;
+    return FromAnsi(text);
 }
 
-QLineEdit* ReadOnly(QWidget* parent, const char* id, const std::string& text) {
-    auto* field = new QLineEdit(RecordText(text), parent);
+QLineEdit* ReadOnly(QWidget* parent, const char* id, const QString& text) {
+    auto* field = new QLineEdit(text, parent);
     field->setObjectName(id);
     field->setReadOnly(true);
     field->setCursorPosition(0);
@@ -48,7 +47,7 @@ void RefillingComboBox::showPopup() {
 QIcon ProgramFileIcon(const std::string& path) {
     // A process path comes in capitals: the file is looked up whatever the case of its name.
     const std::string found = path.empty() ? std::string() : platform::FindFileIgnoringCase(path);
-    QFileInfo file(QString::fromLocal8Bit(found));
+    QFileInfo file(QFile::decodeName(found.c_str()));
     if (found.empty() || !file.isFile()) {
         return QIcon();
     }
@@ -68,9 +67,10 @@ PermissionDialog::PermissionDialog(policy::AppRecord& record, bool askMode, QWid
     auto* layout = new QVBoxLayout(this);
     auto* top = new QHBoxLayout();
     auto* form = new QFormLayout();
-    form->addRow("Application", ReadOnly(this, "Application", m_model->Application()));
-    form->addRow("Description", ReadOnly(this, "Description", m_model->Description()));
-    QLineEdit* connect = ReadOnly(this, "Connect", m_model->Connect());
+    form->addRow("Application",
+                 ReadOnly(this, "Application", QFile::decodeName(m_model->Application().c_str())));
+    form->addRow("Description", ReadOnly(this, "Description", RecordText(m_model->Description())));
+    QLineEdit* connect = ReadOnly(this, "Connect", RecordText(m_model->Connect()));
     form->addRow("Connect", connect);
     if (!askMode) {
         // Only a pending question has a connection attempt to show.

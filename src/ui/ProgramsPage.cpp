@@ -1,5 +1,6 @@
 #include "ui/ProgramsPage.h"
 
+#include <QFile>
 #include <QHeaderView>
 #include <QKeyEvent>
 #include <QMenu>
@@ -12,6 +13,7 @@
 #include "core/DiagLog.h"
 #include "core/Messages.h"
 #include "driver/DriverControl.h"
+#include "ui/AnsiText.h"
 #include "ui/Icons.h"
 #include "ui/PermissionDialog.h"
 
@@ -25,8 +27,7 @@ constexpr int kZoneColumnWidth = 120;
 constexpr int kNameColumnMargin = 240;
 
 QString RecordText(const std::string& text) {
-    QString decoded = QString::fromUtf8(text);
-    return decoded.contains(QChar::ReplacementCharacter) ? QString::fromLatin1(text) : decoded;
+    return FromAnsi(text);
 }
 
 }  // namespace
@@ -75,9 +76,9 @@ void ProgramsPage::ShowRows() {
             item = new QTreeWidgetItem(m_list);
         }
         const auto& row = rows[i];
-        QString path = RecordText(row.path);
-        if (item->text(kImage) != QString::fromStdString(row.imageName) ||
-            item->text(kPath) != path || item->icon(kName).isNull()) {
+        QString path = QFile::decodeName(row.path.c_str());
+        if (item->text(kImage) != FromAnsi(row.imageName) || item->text(kPath) != path ||
+            item->icon(kName).isNull()) {
             QIcon icon = ProgramFileIcon(row.path);
             item->setIcon(kName, icon.isNull() ? DefaultProgramIcon() : icon);
             ++m_iconsAdded;
@@ -86,7 +87,7 @@ void ProgramsPage::ShowRows() {
         item->setText(kZone, RecordText(row.zoneName));
         item->setTextAlignment(kZone, Qt::AlignCenter);
         item->setText(kPath, path);
-        item->setText(kImage, QString::fromStdString(row.imageName));
+        item->setText(kImage, FromAnsi(row.imageName));
         item->setToolTip(kName, path.isEmpty() ? item->text(kImage) : path);
     }
     if (m_model.Selected() >= 0) {
@@ -105,7 +106,7 @@ int ProgramsPage::AddProgram(const policy::AppRecord& record) {
     int existed = m_model.AddProgram(record);
     ShowRows();
     std::string imageName(driver::FieldText(record.imageName));
-    auto found = m_list->findItems(QString::fromStdString(imageName), Qt::MatchExactly, kImage);
+    auto found = m_list->findItems(FromAnsi(imageName), Qt::MatchExactly, kImage);
     if (!found.isEmpty()) {
         m_list->scrollToItem(found[0]);
     }

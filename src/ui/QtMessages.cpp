@@ -3,17 +3,20 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QDialogButtonBox>
+#include <QFile>
 #include <QFileDialog>
 #include <QLabel>
 #include <QMessageBox>
 #include <QVBoxLayout>
+
+#include "ui/AnsiText.h"
 
 namespace qbrix::ui {
 
 namespace {
 
 QString FromView(std::string_view text) {
-    return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
+    return FromAnsi(text);
 }
 
 QMessageBox::Icon IconOf(unsigned style) {
@@ -104,7 +107,7 @@ std::string Chosen(QFileDialog& dialog, std::string_view defaultExtension) {
     if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty()) {
         return std::string();
     }
-    return dialog.selectedFiles().first().toStdString();
+    return QFile::encodeName(dialog.selectedFiles().first()).toStdString();
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "content/RuleEditorSupport.h"
 #include "core/Messages.h"
 #include "core/StringTable.h"
+#include "ui/AnsiText.h"
 #include "ui/RuleReportDialog.h"
 #include "ui/UnitTesterDialog.h"
 
@@ -26,13 +27,13 @@ namespace qbrix::ui {
 namespace {
 
 QString Str(int id) {
-    return QString::fromStdString(core::LoadString(id));
+    return FromAnsi(core::LoadString(id));
 }
 QString FromStd(const std::string& text) {
-    return QString::fromStdString(text);
+    return FromAnsi(text);
 }
 std::string ToStd(const QString& text) {
-    return text.toStdString();
+    return ToAnsi(text);
 }
 
 constexpr int kSubRuleRole = Qt::UserRole;

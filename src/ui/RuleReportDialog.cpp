@@ -8,17 +8,18 @@
 #include <algorithm>
 
 #include "core/StringTable.h"
+#include "ui/AnsiText.h"
 
 namespace qbrix::ui {
 
 QString ShownText(const std::string& text) {
-    QString shown = QString::fromStdString(text);
+    QString shown = FromAnsi(text);
     shown.replace("\r\n", "\n");
     return shown;
 }
 
 std::string EngineText(const QString& shown) {
-    const std::string text = shown.toStdString();
+    const std::string text = ToAnsi(shown);
     std::string engine;
     engine.reserve(text.size() + text.size() / 16);
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -42,7 +43,7 @@ int ShownOffset(const std::string& text, std::int32_t byteOffset) {
 RuleReportDialog::RuleReportDialog(const content::WholeRuleReport& report, QWidget* parent)
     : QDialog(parent) {
     setObjectName("RuleReport");
-    setWindowTitle(QString::fromStdString(core::LoadString(5972)));
+    setWindowTitle(FromAnsi(core::LoadString(5972)));
     auto* layout = new QVBoxLayout(this);
     auto addBox = [&](const QString& title, const char* name, const std::string& text) {
         auto* group = new QGroupBox(title, this);
@@ -58,7 +59,7 @@ RuleReportDialog::RuleReportDialog(const content::WholeRuleReport& report, QWidg
     addBox("Result", "result", report.resultText);
     auto* buttons = new QHBoxLayout();
     buttons->addStretch(1);
-    auto* close = new QPushButton(QString::fromStdString(core::LoadString(23)), this);
+    auto* close = new QPushButton(FromAnsi(core::LoadString(23)), this);
     close->setObjectName("close");
     close->setDefault(true);
     connect(close, &QPushButton::clicked, this, &QDialog::accept);

@@ -2,6 +2,7 @@
 
 #include <QCheckBox>
 #include <QComboBox>
+#include <QFile>
 #include <QGridLayout>
 #include <QGroupBox>
 #include <QHBoxLayout>
@@ -14,6 +15,7 @@
 #include "core/RegistryKey.h"
 #include "core/RegistryPaths.h"
 #include "platform/Platform.h"
+#include "ui/AnsiText.h"
 #include "ui/BitmapCheckBox.h"
 #include "ui/NumericEdit.h"
 
@@ -27,7 +29,7 @@ constexpr int kSettingsCheckBitmap = 119;
 
 // A list that tells its owner just before it opens, so it can be rebuilt.
 class OpeningComboBox : public QComboBox {
-public:
+  public:
     using QComboBox::QComboBox;
     std::function<void()> beforeOpen;
     void showPopup() override {
@@ -38,7 +40,9 @@ public:
     }
 };
 
-QString FromStd(const std::string& text) { return QString::fromStdString(text); }
+QString FromStd(const std::string& path) {
+    return QFile::decodeName(path.c_str());
+}
 
 }  // namespace
 
@@ -81,8 +85,7 @@ SettingsPage::SettingsPage(DefaultZoneBinding defaultZone,
         return grid;
     };
 
-    QGridLayout* firewall =
-        addLogGroup("Firewall", m_firewall, "205", "208", "207", "209", "210");
+    QGridLayout* firewall = addLogGroup("Firewall", m_firewall, "205", "208", "207", "209", "210");
     firewall->addWidget(new QLabel("Default Zone"), 3, 0);
     auto* zoneList = new OpeningComboBox(this);
     zoneList->setObjectName("274");
@@ -120,7 +123,7 @@ SettingsPage::SettingsPage(DefaultZoneBinding defaultZone,
     test->setObjectName("301");
     connect(test, &QPushButton::clicked, this, [this] {
         if (m_runSelfTest) {
-            m_runSelfTest(m_antivirus->currentText().toStdString());
+            m_runSelfTest(ToAnsi(m_antivirus->currentText()));
         }
     });
     content->addWidget(test, 4, 2);
@@ -152,7 +155,7 @@ SettingsPage::SettingsPage(DefaultZoneBinding defaultZone,
 // The firewall log reads (and writes) its path first, the content log last.
 void SettingsPage::LoadLog(const char* suffix, LogFields& fields, bool pathFirst) {
     core::RegistryKey key(suffix, core::kGuiRootPath);
-    std::string path = fields.path->text().toStdString();
+    std::string path = QFile::encodeName(fields.path->text()).toStdString();
     platform::DWORD size = fields.size->Value();
     platform::DWORD use = fields.use->isChecked() ? 1 : 0;
     auto readPath = [&] { path = key.GetString(core::kFileNameValue, path.c_str()); };
@@ -174,11 +177,11 @@ void SettingsPage::Load() {
     LoadLog(core::kFwLogSuffix, m_firewall, true);
     LoadLog(core::kLspLogSuffix, m_content, false);
     core::RegistryKey av(core::kAvSuffix, core::kLspRootPath);
-    std::string quarantine = m_quarantine->text().toStdString();
+    std::string quarantine = QFile::encodeName(m_quarantine->text()).toStdString();
     m_quarantine->setText(FromStd(av.GetString(core::kQuarantineValue, quarantine.c_str())));
     // The first entry that begins with the stored name, not case-sensitive; else the first.
-    int index = m_antivirus->findText(FromStd(av.GetString(core::kAvNameValue, "")),
-                                      Qt::MatchStartsWith);
+    int index =
+        m_antivirus->findText(FromAnsi(av.GetString(core::kAvNameValue, "")), Qt::MatchStartsWith);
     m_antivirus->setCurrentIndex(index < 0 ? 0 : index);
     if (m_defaultZone.fill) {
         m_filling = true;
@@ -189,7 +192,7 @@ void SettingsPage::Load() {
 
 void SettingsPage::SaveLog(const char* suffix, const LogFields& fields, bool pathFirst) {
     core::RegistryKey key(suffix, core::kGuiRootPath);
-    std::string path = fields.path->text().toStdString();
+    std::string path = QFile::encodeName(fields.path->text()).toStdString();
     if (pathFirst) {
         key.SetString(core::kFileNameValue, path);
         key.SetDword(core::kFileSizeValue, fields.size->Value());
@@ -206,8 +209,8 @@ void SettingsPage::Save() {
     SaveLog(core::kFwLogSuffix, m_firewall, true);
     SaveLog(core::kLspLogSuffix, m_content, false);
     core::RegistryKey av(core::kAvSuffix, core::kLspRootPath);
-    av.SetString(core::kQuarantineValue, m_quarantine->text().toStdString());
-    av.SetString(core::kAvNameValue, m_antivirus->currentText().toStdString());
+    av.SetString(core::kQuarantineValue, QFile::encodeName(m_quarantine->text()).toStdString());
+    av.SetString(core::kAvNameValue, ToAnsi(m_antivirus->currentText()));
     av.Close();
     transaction.Commit();
 }

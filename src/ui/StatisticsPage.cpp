@@ -10,6 +10,7 @@
 #include <QVBoxLayout>
 
 #include "stats/StatChartText.h"
+#include "ui/AnsiText.h"
 #include "ui/BarChart.h"
 #include "ui/Icons.h"
 
@@ -87,7 +88,7 @@ void StatisticsPage::SetUp() {
         // Filling the list selects its first entry: show it once, below.
         const QSignalBlocker quiet(m_list);
         for (stats::StatPeriod* period : m_periods.Periods()) {
-            m_list->addItem(QString::fromStdString(period->Name()),
+            m_list->addItem(FromAnsi(period->Name()),
                             QVariant::fromValue(reinterpret_cast<quintptr>(period)));
         }
         m_list->setCurrentIndex(0);
@@ -124,10 +125,9 @@ void StatisticsPage::Draw(const stats::StatPeriod& period) {
     model.SetRowCount(static_cast<int>(entries.size()));
     for (int row = 0; row < model.RowCount(); ++row) {
         const stats::StatEntry& entry = entries[row];
-        model.SetRowLabel(row, QString::fromStdString(entry.label));
+        model.SetRowLabel(row, FromAnsi(entry.label));
         for (int column = 0; column < model.ColumnCount(); ++column) {
-            model.SetCellText(row, column,
-                              QString::fromStdString(stats::ChartCellText(entry.counters[column])));
+            model.SetCellText(row, column, FromAnsi(stats::ChartCellText(entry.counters[column])));
         }
     }
     m_chart->Refresh();

@@ -15,11 +15,12 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <utility>
 #include <sstream>
+#include <utility>
 
 #include "core/Messages.h"
 #include "platform/Text.h"
+#include "ui/AnsiText.h"
 #include "ui/ControlPanel.h"
 #include "ui/DialogPresenter.h"
 #include "ui/PermissionDialog.h"
@@ -61,7 +62,9 @@ bool ParseNumber(const std::string& text, long long* value) {
     return error == std::errc() && stop == end && !text.empty();
 }
 
-QString Shown(const std::string& text) { return QString::fromStdString(text); }
+QString Shown(const std::string& text) {
+    return FromAnsi(text);
+}
 
 // The image name of a program path, either kind of separator.
 std::string ImageOf(const std::string& path) {
@@ -153,9 +156,8 @@ struct UnattendedScript::Answers : DialogPresenter, core::Messages {
         }
         ++asked;
         auto* application = dialog.findChild<QLineEdit*>("Application");
-        std::string image = application != nullptr
-                                ? ImageOf(application->text().toStdString())
-                                : std::string();
+        std::string image =
+            application != nullptr ? ImageOf(ToAnsi(application->text())) : std::string();
         std::string zone;
         for (const auto& [name, answer] : zones) {
             if (platform::EqualsIgnoreCase(name, image)) {
@@ -236,9 +238,13 @@ std::unique_ptr<UnattendedScript> UnattendedScript::FromEnvironment(ControlPanel
     return std::make_unique<UnattendedScript>(panel, std::move(*steps));
 }
 
-std::int64_t UnattendedScript::ClockOffset() { return g_clockOffset.load(); }
+std::int64_t UnattendedScript::ClockOffset() {
+    return g_clockOffset.load();
+}
 
-bool UnattendedScript::Failed() const { return m_failed || !m_answers->problem.empty(); }
+bool UnattendedScript::Failed() const {
+    return m_failed || !m_answers->problem.empty();
+}
 
 void UnattendedScript::Advance() {
     // A step may run a nested event loop (a menu, a message box): no other step starts meanwhile.
@@ -415,8 +421,8 @@ bool UnattendedScript::Wait(const ScriptStep& step) {
             return false;
         }
         QAbstractItemView* list = ListOf(page);
-        done = list != nullptr && list->model() != nullptr &&
-               list->model()->rowCount() >= step.number;
+        done =
+            list != nullptr && list->model() != nullptr && list->model()->rowCount() >= step.number;
     }
     if (!done && NowMs() > m_stepDeadline) {
         Fail(step, "still waiting after " + std::to_string(m_timeoutSeconds) + " s");

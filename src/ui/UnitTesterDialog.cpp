@@ -13,6 +13,7 @@
 
 #include "content/RuleTestReport.h"
 #include "core/StringTable.h"
+#include "ui/AnsiText.h"
 #include "ui/RuleReportDialog.h"
 
 namespace qbrix::ui {
@@ -40,7 +41,7 @@ void Select(QPlainTextEdit* box, const std::string& text, std::int32_t start, st
 UnitTesterDialog::UnitTesterDialog(content::RegRuleMatcher& unit, QWidget* parent)
     : QDialog(parent), m_unit(unit) {
     setObjectName("UnitTester");
-    setWindowTitle(QString::fromStdString(core::LoadString(5972)));
+    setWindowTitle(FromAnsi(core::LoadString(5972)));
     auto* layout = new QVBoxLayout(this);
 
     auto* ruleGroup = new QGroupBox("Rule to Test", this);
@@ -75,7 +76,7 @@ UnitTesterDialog::UnitTesterDialog(content::RegRuleMatcher& unit, QWidget* paren
     resultRow->addWidget(m_results, 1);
     auto* test = new QPushButton("Test", this);
     test->setObjectName("test");
-    auto* close = new QPushButton(QString::fromStdString(core::LoadString(23)), this);
+    auto* close = new QPushButton(FromAnsi(core::LoadString(23)), this);
     close->setObjectName("close");
     resultRow->addWidget(test);
     resultRow->addWidget(close);
@@ -93,7 +94,7 @@ void UnitTesterDialog::RunTest() {
     if (content::RunUnitTest(m_unit, m_fields.Read(), input, report) != 0) {
         return;
     }
-    m_results->setText(QString::fromStdString(report.results));
+    m_results->setText(FromAnsi(report.results));
     m_output->setPlainText(ShownText(report.output));
     if (report.selectInput) {
         Select(m_input, input, report.selectionStart, report.selectionEnd);

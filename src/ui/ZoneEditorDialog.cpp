@@ -16,6 +16,7 @@
 #include <QVBoxLayout>
 
 #include "core/Messages.h"
+#include "ui/AnsiText.h"
 #include "ui/DialogPresenter.h"
 #include "ui/Icons.h"
 #include "ui/IpAddressEdit.h"
@@ -133,7 +134,7 @@ ZoneEditorDialog::ZoneEditorDialog(policy::ZoneRecord& zone, std::string_view ru
         button->setAutoDefault(false);
     }
 
-    m_zoneName->setText(QString::fromStdString(m_model.ZoneNameText()));
+    m_zoneName->setText(FromAnsi(m_model.ZoneNameText()));
     m_zoneResult->setCurrentIndex(m_model.ZoneResultIndex());
     m_zoneResult->setEnabled(m_model.ZoneResultEnabled());
     FillRows();
@@ -159,7 +160,7 @@ ZoneEditorDialog::ZoneEditorDialog(policy::ZoneRecord& zone, std::string_view ru
         });
     }
     connect(m_zoneName, &QLineEdit::textEdited, this,
-            [this](const QString& text) { m_model.SetZoneNameText(text.toStdString()); });
+            [this](const QString& text) { m_model.SetZoneNameText(ToAnsi(text)); });
     connect(m_zoneResult, &QComboBox::activated, this,
             [this](int index) { m_model.SetZoneResultIndex(index); });
     connect(m_rules, &QListWidget::currentRowChanged, this, &ZoneEditorDialog::RowChanged);
@@ -174,8 +175,8 @@ void ZoneEditorDialog::FillRows() {
     m_showing = true;
     m_rules->clear();
     for (std::size_t i = 0; i < m_model.RowCount(); ++i) {
-        m_rules->addItem(new QListWidgetItem(RuleImage(m_model.RowImage(i)),
-                                             QString::fromStdString(m_model.RowText(i))));
+        m_rules->addItem(
+            new QListWidgetItem(RuleImage(m_model.RowImage(i)), FromAnsi(m_model.RowText(i))));
     }
     m_rules->setCurrentRow(m_model.Selected());
     m_showing = false;
@@ -185,7 +186,7 @@ void ZoneEditorDialog::ShowFields() {
     m_showing = true;
     const policy::RuleFields& fields = m_model.Fields();
     m_nameCheck->setChecked(fields.nameChecked);
-    m_ruleName->setText(QString::fromStdString(fields.name));
+    m_ruleName->setText(FromAnsi(fields.name));
     m_protocolCheck->setChecked(fields.protocolChecked);
     m_protocol->setCurrentIndex(fields.protocolIndex);
     m_addressCheck->setChecked(fields.addressChecked);
@@ -227,7 +228,7 @@ void ZoneEditorDialog::ReadFields() {
     }
     policy::RuleFields& fields = m_model.Fields();
     fields.nameChecked = m_nameCheck->isChecked();
-    fields.name = m_ruleName->text().toStdString();
+    fields.name = ToAnsi(m_ruleName->text());
     fields.protocolChecked = m_protocolCheck->isChecked();
     fields.protocolIndex = m_protocol->currentIndex();
     fields.addressChecked = m_addressCheck->isChecked();
@@ -297,7 +298,7 @@ void ZoneEditorDialog::UpdateRule() {
 
 void ZoneEditorDialog::AddressByName() {
     ReadFields();
-    if (m_model.AddressByName(m_host->text().toStdString()) == 0) {
+    if (m_model.AddressByName(ToAnsi(m_host->text())) == 0) {
         m_showing = true;
         m_address->SetAddress(m_model.Fields().address);
         m_showing = false;
@@ -339,7 +340,7 @@ int ZoneEditorDialog::Finish() {
     if (!m_finished) {
         m_finished = true;
         ReadFields();
-        m_model.SetZoneNameText(m_zoneName->text().toStdString());
+        m_model.SetZoneNameText(ToAnsi(m_zoneName->text()));
         m_model.SetZoneResultIndex(m_zoneResult->currentIndex());
         m_changedFlag = m_model.Close();
     }

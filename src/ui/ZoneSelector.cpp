@@ -2,6 +2,8 @@
 
 #include <QComboBox>
 
+#include "ui/AnsiText.h"
+
 namespace qbrix::ui {
 
 void ComboBoxItems::Clear() {
@@ -9,7 +11,7 @@ void ComboBoxItems::Clear() {
 }
 
 void ComboBoxItems::Add(std::string_view text) {
-    m_box->addItem(QString::fromUtf8(text.data(), static_cast<int>(text.size())));
+    m_box->addItem(FromAnsi(text));
 }
 
 int ComboBoxItems::Count() const {
@@ -17,7 +19,7 @@ int ComboBoxItems::Count() const {
 }
 
 std::string ComboBoxItems::Text(int index) const {
-    return m_box->itemText(index).toUtf8().toStdString();
+    return ToAnsi(m_box->itemText(index));
 }
 
 void ComboBoxItems::Select(int index) {

@@ -11,6 +11,7 @@
 #include <QVBoxLayout>
 
 #include "core/Messages.h"
+#include "ui/AnsiText.h"
 
 namespace qbrix::ui {
 
@@ -61,7 +62,7 @@ void ZonesPage::ShowRows() {
     m_list->clear();
     for (const auto& row : m_model.Rows()) {
         auto* item = new QTreeWidgetItem(m_list);
-        item->setText(0, QString::fromStdString(row.text));
+        item->setText(0, FromAnsi(row.text));
     }
     if (m_model.Selected() >= 0) {
         QTreeWidgetItem* item = m_list->topLevelItem(m_model.Selected());

@@ -1,14 +1,17 @@
 // The "Zones" page, offscreen: the rows, the keys and commands, the exchange files through the
-// file dialogs, the deliberate modified-flag rules, the page save check and the first-run wizard.
+// file dialogs, the deliberate modified-flag rules, the page save check, the first-run wizard and
+// names outside ASCII through the page, the editor and the selectors.
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
+#include <QComboBox>
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QTest>
 #include <QTreeWidget>
 #include <algorithm>
+#include <fstream>
 
 #include "PolicyTestSupport.h"
 #include "UiTestSupport.h"
@@ -16,6 +19,7 @@
 #include "core/RegistryPaths.h"
 #include "ui/DialogSetup.h"
 #include "ui/QtMessages.h"
+#include "ui/ZoneSelector.h"
 #include "ui/ZonesPage.h"
 
 namespace qbrix::ui {
@@ -142,6 +146,40 @@ TEST_F(ZonesPageTest, ExportAndImportThroughTheFileDialogs) {
     m_messages.QueueFileAnswer("");
     page.ImportZone();
     EXPECT_FALSE(page.HasUnsavedChanges());
+}
+
+TEST_F(ZonesPageTest, ANameInTheCodePageSurvivesTheEditorAndTheSelectors) {
+    ::qbrix::test::TempDirectory files;
+    const std::string path = files.File("cafe.xml");
+    std::ofstream(path, std::ios::binary)
+        << "<MASTER_ZONE NAME='Caf\xC3\xA9 \xE2\x82\xAC'><ZONERULE ENABLE='1'>"
+           "<NAME>R\xC3\xA9gle</NAME></ZONERULE></MASTER_ZONE>";
+    const std::string name = "Caf\xE9 \x80";  // windows-1252
+    ZonesPage page;
+    m_messages.QueueFileAnswer(path);
+    page.ImportZone();
+    ASSERT_NE(policy::FindZone(name), nullptr);
+    EXPECT_EQ(page.List()->currentItem()->text(0), QString::fromUtf8("Caf\xC3\xA9 \xE2\x82\xAC"));
+
+    // Opening and closing the editor leaves the zone and its rule as they are.
+    QString shownRule;
+    m_presenter.SetScript([&](QDialog& dialog) {
+        shownRule = Child<QLineEdit>(dialog, "RuleName")->text();
+        return int(QDialog::Accepted);
+    });
+    QTest::keyClick(page.List(), Qt::Key_Space);
+    EXPECT_EQ(shownRule, QString::fromUtf8("R\xC3\xA9gle"));
+    const policy::ZoneRecord* zone = policy::FindZone(name);
+    ASSERT_NE(zone, nullptr);
+    EXPECT_EQ(policy::RuleName(zone->rules[0]), "R\xE9gle");
+
+    QComboBox box;
+    ComboBoxItems items(&box);
+    policy::AppZoneCombo selector(items);
+    selector.Fill(nullptr, name.c_str());
+    policy::ZoneRecord chosen = policy::EmptyZone();
+    ASSERT_EQ(selector.GetSelectedZone(chosen), 0);
+    EXPECT_EQ(policy::ZoneName(chosen), name);
 }
 
 TEST_F(ZonesPageTest, TheDialogsUseTheRuleFileFilterAndTheZonesFileName) {

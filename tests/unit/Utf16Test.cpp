@@ -1,8 +1,10 @@
-// Conversion between narrow (UTF-8) texts and the UTF-16 texts of the socket catalog.
+// Conversion between narrow (UTF-8) texts and the UTF-16 texts of the socket catalog, and
+// between the program's code page and Unicode.
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "platform/CodePage.h"
 #include "platform/Utf16.h"
 
 namespace qbrix::platform {
@@ -33,6 +35,41 @@ TEST(Utf16Test, BoundedReadStopsAtTheTerminatorOrTheWidth) {
     EXPECT_EQ(u"ab", BoundedUtf16(terminated, 4));
     const char16_t full[3] = {u'x', u'y', u'z'};
     EXPECT_EQ(u"xyz", BoundedUtf16(full, 3));
+}
+
+struct CodePageCase {
+    unsigned char byte;
+    char32_t character;
+};
+
+class CodePageTest : public ::testing::TestWithParam<CodePageCase> {};
+
+TEST_P(CodePageTest, ByteAndCharacterMapBothWays) {
+    const CodePageCase& c = GetParam();
+    EXPECT_EQ(AnsiCharToUnicode(c.byte), c.character);
+    EXPECT_EQ(static_cast<unsigned char>(UnicodeToAnsiChar(c.character)), c.byte);
+}
+
+// windows-1252, its five unassigned bytes standing for the control characters of their number.
+INSTANTIATE_TEST_SUITE_P(Windows1252, CodePageTest,
+                         ::testing::Values(CodePageCase{0x41, U'A'}, CodePageCase{0x80, 0x20AC},
+                                           CodePageCase{0x81, 0x81}, CodePageCase{0x8D, 0x8D},
+                                           CodePageCase{0x8F, 0x8F}, CodePageCase{0x90, 0x90},
+                                           CodePageCase{0x9D, 0x9D}, CodePageCase{0x9F, 0x178},
+                                           CodePageCase{0xA0, 0xA0}, CodePageCase{0xE9, 0xE9},
+                                           CodePageCase{0xFF, 0xFF}));
+
+TEST(CodePageTextTest, EveryByteRoundTripsAndOtherCharactersBecomeQuestionMarks) {
+    std::string all;
+    for (int byte = 1; byte < 256; ++byte) {
+        all.push_back(static_cast<char>(byte));
+    }
+    EXPECT_EQ(Utf16ToAnsi(AnsiToUtf16(all)), all);
+    EXPECT_EQ(Utf8ToAnsi(AnsiToUtf8(all)), all);
+    EXPECT_EQ(AnsiToUtf8("\xE9\x80"), "\xC3\xA9\xE2\x82\xAC");
+    // Outside the code page: U+0080 (its byte means the euro sign), U+0100, a surrogate pair.
+    EXPECT_EQ(Utf16ToAnsi(u"\u0080\u0100\U0001F600x"), "???x");
+    EXPECT_EQ(Utf8ToAnsi("\xC4\x80\xFF"), "??");
 }
 
 }  // namespace

@@ -25,6 +25,7 @@ void Pad4(std::string& bytes) {
     bytes.resize((bytes.size() + 3) & ~std::size_t{3}, '\0');
 }
 
+// Each byte as the UTF-16 unit of the same number (Latin-1).
 std::string Utf16(const std::string& ascii) {
     std::string out;
     for (char c : ascii) {
@@ -125,15 +126,22 @@ class VersionDetailsTest : public ::testing::Test {
 };
 
 TEST_F(VersionDetailsTest, DescriptionAndDetailsComeFromTheFirstTranslation) {
-    std::string path = Write("Tool.exe", PeFile(VersionInfo({{"FileDescription", "Mail Reader"},
+    // Texts come in the program's code page: U+00E9 is the byte E9.
+    std::string path = Write("Tool.exe", PeFile(VersionInfo({{"FileDescription",
+                                                              "Mail R\xE9"
+                                                              "ader"},
                                                              {"CompanyName", "Example Ltd"},
                                                              {"ProductVersion", "2.1"},
                                                              {"Comments", ""}})));
     std::string description;
     std::string details;
     ASSERT_EQ(GetVersionDetails(path, description, details, true), 0);
-    EXPECT_EQ(description, "Mail Reader");
-    EXPECT_EQ(details, "Example Ltd\r\nMail Reader\r\n2.1\r\n");
+    EXPECT_EQ(description,
+              "Mail R\xE9"
+              "ader");
+    EXPECT_EQ(details,
+              "Example Ltd\r\nMail R\xE9"
+              "ader\r\n2.1\r\n");
     ASSERT_EQ(GetVersionDetails(path, description, details, false), 0);
     EXPECT_EQ(details, "");
 }

@@ -1,11 +1,14 @@
 // The zone exchange file: the written document, round trips of every preset, and the reader's
-// rules for gaps, cut names, bad addresses and files it refuses.
+// rules for gaps, cut names, bad addresses and files it refuses; the documents both exchange
+// files (zone and content rule) refuse or decode alike.
 #include <gtest/gtest.h>
 
 #include <fstream>
 #include <pugixml.hpp>
 
 #include "PolicyTestSupport.h"
+#include "content/RuleXml.h"
+#include "platform/Utf16.h"
 #include "policy/PresetZones.h"
 #include "policy/ZoneExchange.h"
 
@@ -46,7 +49,14 @@ TEST_F(ZoneExchangeTest, ExportWritesDeclarationCommentAndUnindentedZone) {
 }
 
 TEST_F(ZoneExchangeTest, EveryPresetRoundTripsByteForByte) {
-    for (const ZoneRecord& preset : PresetZones()) {
+    std::vector<ZoneRecord> zones(PresetZones().begin(), PresetZones().end());
+    // Texts of blanks, and bytes of the whole code page, written as UTF-8.
+    zones.push_back(Zone("  ", {Rule(" \t "), Rule("\xE9\x80\x81\x9D\xFF")}));
+    std::string path = m_dir.File("blank.xml");
+    ExportZone(zones.back(), path);
+    EXPECT_NE(test::ReadFile(path).find("<NAME>\xC3\xA9\xE2\x82\xAC\xC2\x81\xC2\x9D\xC3\xBF<"),
+              std::string::npos);
+    for (const ZoneRecord& preset : zones) {
         std::string path = m_dir.File("preset.xml");
         ExportZone(preset, path);
         ZoneRecord back = EmptyZone();
@@ -157,6 +167,140 @@ TEST(ExportFileNameTest, SpacesColonsAndSlashesAreReplaced) {
     EXPECT_EQ(MakeExportFileName("a\\b c"), "a-b_c");
     EXPECT_EQ(MakeExportFileName("Plain"), "Plain");
 }
+
+// A document, in the encoding given, through both importers: with %R the root (MASTER_ZONE,
+// MASTER_RULE), %U a unit (ZONERULE, MAIN) and %E its text element (NAME, COMMENT).
+enum class Encoding { kAsIs, kUtf8Mark, kUtf16Le, kUtf16Be, kUtf32Le, kUtf32Be, kUtf16LeNoMark };
+
+struct DocumentCase {
+    const char* label;
+    Encoding encoding;
+    const char* document;
+    bool refused;
+    const char* name = "";  // the root's NAME, in the code page
+    const char* text = "";  // the text element's whole text
+};
+
+std::string Encode(const std::string& text, Encoding encoding) {
+    std::u16string wide = platform::Utf8ToUtf16(text);
+    auto units = [&](int width, bool bigEndian, std::string mark) {
+        for (char16_t unit : wide) {
+            for (int i = 0; i < width; ++i) {
+                int shift = 8 * (bigEndian ? width - 1 - i : i);
+                mark.push_back(static_cast<char>(shift < 16 ? unit >> shift & 0xFF : 0));
+            }
+        }
+        return mark;
+    };
+    using namespace std::string_literals;
+    switch (encoding) {
+        case Encoding::kUtf8Mark:
+            return "\xEF\xBB\xBF" + text;
+        case Encoding::kUtf16Le:
+            return units(2, false, "\xFF\xFE");
+        case Encoding::kUtf16Be:
+            return units(2, true, "\xFE\xFF");
+        case Encoding::kUtf32Le:
+            return units(4, false, "\xFF\xFE\0\0"s);
+        case Encoding::kUtf32Be:
+            return units(4, true, "\0\0\xFE\xFF"s);
+        case Encoding::kUtf16LeNoMark:
+            return units(2, false, "");
+        case Encoding::kAsIs:
+            break;
+    }
+    return text;
+}
+
+std::string Fill(std::string document, bool zone) {
+    const std::pair<const char*, const char*> names[] = {
+        {"%R", zone ? "MASTER_ZONE" : "MASTER_RULE"},
+        {"%U", zone ? "ZONERULE" : "MAIN"},
+        {"%E", zone ? "NAME" : "COMMENT"}};
+    for (auto [from, to] : names) {
+        for (std::size_t at; (at = document.find(from)) != std::string::npos;) {
+            document.replace(at, 2, to);
+        }
+    }
+    return document;
+}
+
+class ExchangeDocumentTest : public ::testing::TestWithParam<DocumentCase> {
+  protected:
+    test::TempPlatform m_platform;
+    test::TempDirectory m_dir;
+};
+
+TEST_P(ExchangeDocumentTest, BothImportersRefuseOrDecodeAlike) {
+    const DocumentCase& c = GetParam();
+    std::string path = m_dir.File("document.xml");
+    std::ofstream(path, std::ios::binary) << Encode(Fill(c.document, true), c.encoding);
+    ZoneRecord zone = EmptyZone();
+    EXPECT_EQ(ImportZone(zone, path), c.refused ? 1 : 0);
+    std::ofstream(path, std::ios::binary | std::ios::trunc)
+        << Encode(Fill(c.document, false), c.encoding);
+    content::ContentRule rule;
+    EXPECT_EQ(content::ImportContentRule(rule, path), c.refused ? 1 : 0);
+    if (!c.refused) {
+        EXPECT_EQ(ZoneName(zone), c.name);
+        EXPECT_EQ(RuleName(zone.rules[0]), c.text);
+        EXPECT_EQ(rule.name, c.name);
+        EXPECT_EQ(rule.main.comment, c.text);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Documents, ExchangeDocumentTest,
+    ::testing::Values(
+        DocumentCase{"Plain", Encoding::kAsIs,
+                     "<?xml version='1.0'?><%R NAME='a'><%U><%E>t</%E></%U></%R>\r\n", false, "a",
+                     "t"},
+        DocumentCase{"WholeTextAroundCommentsAndCdata", Encoding::kAsIs,
+                     "<%R NAME='a'><%U><%E> x<!--c-->y<![CDATA[<z>]]>\t</%E></%U></%R>", false, "a",
+                     " xy<z>\t"},
+        DocumentCase{"Blanks", Encoding::kAsIs, "<%R NAME='  '><%U><%E> \t </%E></%U></%R>", false,
+                     "  ", " \t "},
+        DocumentCase{"References", Encoding::kAsIs,
+                     "<%R NAME='&lt;&#233;&#x20AC;&#x100;'><%U><%E>&amp;&apos;</%E></%U></%R>",
+                     false, "<\xE9\x80?", "&'"},
+        DocumentCase{"UndefinedEntityInText", Encoding::kAsIs,
+                     "<%R NAME='a'><%U><%E>&nbsp;</%E></%U></%R>", true},
+        DocumentCase{"UndefinedEntityInAttribute", Encoding::kAsIs, "<%R NAME='&foo;'/>", true},
+        DocumentCase{"NulReference", Encoding::kAsIs, "<%R NAME='&#0;'/>", true},
+        DocumentCase{"LessThanInAttribute", Encoding::kAsIs, "<%R NAME='a<b'/>", true},
+        DocumentCase{"DuplicateAttribute", Encoding::kAsIs, "<%R NAME='a' NAME='b'/>", true},
+        DocumentCase{"TwoRoots", Encoding::kAsIs, "<OTHER/><%R NAME='a'/>", true},
+        DocumentCase{"TextAfterRoot", Encoding::kAsIs, "<%R NAME='a'/>text", true},
+        DocumentCase{"TextBeforeRoot", Encoding::kAsIs, "text<%R NAME='a'/>", true},
+        DocumentCase{"Utf8", Encoding::kAsIs, "<%R NAME='\xC3\xA9\xE2\x82\xAC\xC4\x80'/>", false,
+                     "\xE9\x80?"},
+        DocumentCase{"InvalidUtf8", Encoding::kAsIs, "<%R NAME='\xE9'/>", true},
+        DocumentCase{"InvalidDeclaredUtf8", Encoding::kAsIs,
+                     "<?xml version='1.0' encoding='UTF-8'?><%R NAME='\xC3'/>", true},
+        DocumentCase{"Utf8Mark", Encoding::kUtf8Mark, "<%R NAME='\xC3\xA9'/>", false, "\xE9"},
+        DocumentCase{"Utf16LittleEndian", Encoding::kUtf16Le,
+                     "<?xml version='1.0' encoding='UTF-16'?><%R NAME='\xC3\xA9\xE2\x82\xAC'/>",
+                     false, "\xE9\x80"},
+        DocumentCase{"Utf16BigEndian", Encoding::kUtf16Be, "<%R NAME='\xC3\xA9'/>", false, "\xE9"},
+        DocumentCase{"Utf16WithoutMark", Encoding::kUtf16LeNoMark,
+                     "<?xml version='1.0'?><%R NAME='\xC3\xA9'/>", false, "\xE9"},
+        DocumentCase{"Utf32LittleEndian", Encoding::kUtf32Le, "<%R NAME='\xC3\xA9'/>", false,
+                     "\xE9"},
+        DocumentCase{"Utf32BigEndian", Encoding::kUtf32Be, "<%R NAME='\xE2\x82\xAC'/>", false,
+                     "\x80"},
+        DocumentCase{"Latin1", Encoding::kAsIs,
+                     "<?xml version='1.0' encoding='ISO-8859-1'?><%R NAME='\xE9\x80'/>", false,
+                     "\xE9?"},
+        DocumentCase{"Windows1252", Encoding::kAsIs,
+                     "<?xml version=\"1.0\" encoding=\"windows-1252\"?><%R NAME='\xE9\x80\x81'/>",
+                     false, "\xE9\x80\x81"},
+        DocumentCase{"AsciiWithHighByte", Encoding::kAsIs,
+                     "<?xml version='1.0' encoding='us-ascii'?><%R NAME='\xE9'/>", true},
+        DocumentCase{"UnsupportedEncoding", Encoding::kAsIs,
+                     "<?xml version='1.0' encoding='KOI8-R'?><%R NAME='a'/>", true},
+        DocumentCase{"MarkAndDeclarationDisagree", Encoding::kUtf8Mark,
+                     "<?xml version='1.0' encoding='ISO-8859-1'?><%R NAME='a'/>", true}),
+    [](const ::testing::TestParamInfo<DocumentCase>& info) { return info.param.label; });
 
 }  // namespace
 }  // namespace qbrix::policy
