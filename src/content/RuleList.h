@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -38,10 +39,16 @@ class RuleList {
     // Index of the rule, or Size() when it is not in the list.
     std::size_t IndexOf(const ContentRule* rule) const;
 
+    // The names of the rules the store held for this list when it was last loaded or saved:
+    // the only stored rules a save may delete (besides those it rewrites).
+    const std::vector<std::string>& StoredNames() const { return m_storedNames; }
+    void SetStoredNames(std::vector<std::string> names) { m_storedNames = std::move(names); }
+
   private:
     // Recursive, like the platform's critical section the provider side shares the design with.
     mutable std::recursive_mutex m_lock;
     std::vector<std::unique_ptr<ContentRule>> m_rules;
+    std::vector<std::string> m_storedNames;
 };
 
 }  // namespace qbrix::content

@@ -6,6 +6,7 @@
 
 #include <pugixml.hpp>
 
+#include "content/ContentStore.h"
 #include "content/RuleEngine.h"
 #include "core/Messages.h"
 #include "core/XmlFile.h"
@@ -185,6 +186,10 @@ std::string ProposeExportFileName(std::string_view ruleName) {
 int ImportRuleIntoList(RuleList& list, const std::string& path, ContentRule** added) {
     auto rule = std::make_unique<ContentRule>();
     if (ImportContentRule(*rule, path) != 0) {
+        return kImportFailed;
+    }
+    if (std::string problem = RuleStoreProblem(*rule); !problem.empty()) {
+        core::CurrentMessages().MessageBox(problem, "q-Brix", core::MB_OK | core::MB_ICONERROR);
         return kImportFailed;
     }
     for (std::size_t index = 0; index < list.Size(); ++index) {

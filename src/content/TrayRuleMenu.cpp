@@ -5,6 +5,7 @@
 
 #include "content/ContentStore.h"
 #include "core/StringTable.h"
+#include "platform/Registry.h"
 
 namespace qbrix::content {
 
@@ -73,13 +74,21 @@ std::vector<TrayMenuEntry> BuildContentRulesMenu(LspSettings& settings, unsigned
     return entries;
 }
 
-void SaveAllContent(LspSettings& settings) {
+platform::LONG SaveAllContent(LspSettings& settings) {
+    platform::RegistryTransaction transaction;
+    if (!transaction.Active()) {
+        return transaction.BeginResult();
+    }
     for (std::size_t row = 0; row < kProtocolCount; ++row) {
         const ProtocolRow& protocol = kProtocolTable[row];
-        SaveContentRules(protocol.rulesKey, OptionsOf(settings, row).rules, protocol.protocolKey,
-                         protocol.rulesSubkey);
+        platform::LONG rc = SaveContentRules(protocol.rulesKey, OptionsOf(settings, row).rules,
+                                             protocol.protocolKey, protocol.rulesSubkey);
+        if (rc != 0) {
+            return rc;
+        }
     }
     SaveProtocolOptions(settings);
+    return transaction.Commit();
 }
 
 void RunDisableAllCommand(LspSettings& settings, bool wasChecked) {

@@ -30,9 +30,9 @@ struct TrayMenuEntry {
 std::vector<TrayMenuEntry> BuildContentRulesMenu(LspSettings& settings, unsigned firstId,
                                                  unsigned endId, bool grey);
 
-// Writes both protocols' rule lists and then the protocol options: what the content page's
-// "Save" stores.
-void SaveAllContent(LspSettings& settings);
+// Writes both protocols' rule lists and then the protocol options, as one change of the store:
+// what the content page's "Save" stores. 0, or the store's error (nothing was written).
+platform::LONG SaveAllContent(LspSettings& settings);
 
 // "Disable All" clicked: a checked entry switches both protocols' rules on, an unchecked one
 // off; then the protocol options are saved. The caller reloads the page.

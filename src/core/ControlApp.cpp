@@ -1,7 +1,10 @@
 #include "core/ControlApp.h"
 
 #include "core/DiagLog.h"
+#include "core/Messages.h"
 #include "core/NoAskDialog.h"
+#include "core/RegistryKey.h"
+#include "core/RegistryPaths.h"
 #include "platform/Kernel.h"
 #include "platform/Platform.h"
 #include "platform/Security.h"
@@ -85,6 +88,15 @@ bool ControlApp::InitInstance() {
         return false;
     }
     DiagLog(" OK");
+
+    // Everything after this point reads and writes the configuration store; one that cannot be
+    // used would otherwise show up as some later step's misleading error.
+    if (LONG rc = RegistryKey().Open("", kGuiRootPath); rc != 0) {
+        DiagLog("\n store failed");
+        CurrentMessages().MessageBox("q-Brix cannot start: " + StoreFailureText(rc) + ".", "q-Brix",
+                                     MB_OK | MB_ICONERROR);
+        return false;
+    }
     DiagLog("\n Everything seems to be OK");
     m_started = 1;
 

@@ -136,16 +136,21 @@ void RegistryKey::ListValueNames(std::vector<std::string>& names, const char* co
     }
 }
 
-void RegistryKey::ListSubkeys(std::vector<std::string>& names) {
+LONG RegistryKey::ListSubkeys(std::vector<std::string>& names) {
     if (m_key == nullptr) {
-        return;
+        return ERROR_INVALID_HANDLE;
     }
     names.clear();
     for (DWORD index = 0;; ++index) {
         char name[kSubkeyNameBufferSize];
         DWORD nameSize = sizeof(name);
-        if (Current().Reg().EnumKeyEx(m_key, index, name, &nameSize) != ERROR_SUCCESS) {
-            return;
+        LONG rc = Current().Reg().EnumKeyEx(m_key, index, name, &nameSize);
+        if (rc == static_cast<LONG>(ERROR_NO_MORE_ITEMS) ||
+            rc == static_cast<LONG>(ERROR_MORE_DATA)) {
+            return ERROR_SUCCESS;
+        }
+        if (rc != ERROR_SUCCESS) {
+            return rc;
         }
         names.emplace_back(name, nameSize);
     }
@@ -192,6 +197,35 @@ LONG RegistryKey::DeleteKeyTree(HKEY parent, std::string_view name) {
     }
     registry.CloseKey(key);
     return registry.DeleteKey(parent, name);
+}
+
+std::string StoreFailureText(LONG rc) {
+    std::string text;
+    switch (static_cast<DWORD>(rc)) {
+        case ERROR_ACCESS_DENIED:
+            text = "the configuration store is read-only or may not be opened";
+            break;
+        case ERROR_BUSY:
+            text = "the configuration store is locked by another process";
+            break;
+        case ERROR_BADDB:
+            text = "the configuration store is unreadable (not a valid database)";
+            break;
+        case ERROR_DISK_FULL:
+            text = "there is not enough space on the disk for the configuration store";
+            break;
+        default:
+            text = GetErrorMessageText(static_cast<DWORD>(rc));
+            while (!text.empty() &&
+                   (text.back() == '\n' || text.back() == '\r' || text.back() == '.')) {
+                text.pop_back();
+            }
+            if (text.empty()) {
+                text = "the configuration store failed";
+            }
+            break;
+    }
+    return text + " (error " + std::to_string(rc) + ")";
 }
 
 }  // namespace qbrix::core

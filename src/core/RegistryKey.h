@@ -50,8 +50,10 @@ public:
     // Value names in index order. A key without any value is seeded with the names of `seed`
     // (a list that ends at a null or empty entry), each written as an empty REG_SZ.
     void ListValueNames(std::vector<std::string>& names, const char* const* seed = nullptr);
-    // Sub-key names in index order (names of up to 98 bytes).
-    void ListSubkeys(std::vector<std::string>& names);
+    // Sub-key names in index order (names of up to 98 bytes): the listing ends at the end of
+    // the sub-keys or at the first name that does not fit. 0 then; the store's error when the
+    // enumeration failed for another reason.
+    LONG ListSubkeys(std::vector<std::string>& names);
 
     // Typed writes: REG_DWORD for numbers, REG_SZ with its terminating zero for texts.
     LONG SetDword(std::string_view name, DWORD value);
@@ -63,5 +65,9 @@ public:
 private:
     HKEY m_key = nullptr;
 };
+
+// What a failed call of the store means, for a message: "the configuration store is locked by
+// another process (error 170)" and the like.
+std::string StoreFailureText(LONG rc);
 
 }  // namespace qbrix::core

@@ -35,7 +35,7 @@ std::string Platform::RunDirectory() const {
 }
 
 RegistryTransaction::RegistryTransaction()
-    : m_active(Current().Reg().BeginTransaction() == ERROR_SUCCESS) {}
+    : m_beginResult(Current().Reg().BeginTransaction()), m_active(m_beginResult == ERROR_SUCCESS) {}
 
 RegistryTransaction::~RegistryTransaction() {
     if (m_active) {
@@ -86,6 +86,7 @@ std::string GetErrorMessageText(DWORD code) {
         {50, "The request is not supported."},
         {80, "The file exists."},
         {87, "The parameter is incorrect."},
+        {112, "There is not enough space on the disk."},
         {121, "The semaphore timeout period has expired."},
         {122, "The data area passed to a system call is too small."},
         {126, "The specified module could not be found."},

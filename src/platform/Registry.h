@@ -56,7 +56,9 @@ public:
 
     // Groups the calls that follow on this thread into one change of the store: all of them
     // reach it or none does, even when the process dies half way. Scopes nest; other threads
-    // wait until the outermost scope ends. A store without transactions accepts and ignores them.
+    // wait until the outermost scope ends. Once a write of the store fails inside a scope, every
+    // later call inside it fails with that error and ending it commits nothing (the end returns
+    // the error). A store without transactions accepts and ignores them.
     virtual LONG BeginTransaction() { return ERROR_SUCCESS; }
     virtual LONG EndTransaction(bool commit) {
         (void)commit;
@@ -65,7 +67,8 @@ public:
 };
 
 // A transaction scope on the installed platform's registry: rolled back unless committed. When
-// it cannot begin (a store locked by another process), the calls inside go through one by one.
+// it cannot begin (a store locked by another process), the calls inside go through one by one;
+// a change that must be all or nothing checks Active() and gives up with BeginResult().
 class RegistryTransaction {
 public:
     RegistryTransaction();
@@ -74,10 +77,12 @@ public:
     RegistryTransaction& operator=(const RegistryTransaction&) = delete;
 
     bool Active() const { return m_active; }
+    LONG BeginResult() const { return m_beginResult; }
     LONG Commit();
 
 private:
-    bool m_active = false;
+    LONG m_beginResult;
+    bool m_active;
 };
 
 }  // namespace qbrix::platform

@@ -23,36 +23,49 @@ namespace {
 
 constexpr platform::DWORD kZoneNameBufferSize = 999;
 
-std::vector<std::string> ZoneValueNames(core::RegistryKey& key) {
-    std::vector<std::string> names;
+// The zone names in index order; the enumeration ends at the end of the values or at a name
+// that does not fit. 0, or the store's error.
+platform::LONG ZoneValueNames(core::RegistryKey& key, std::vector<std::string>& names) {
+    names.clear();
     for (platform::DWORD index = 0;; ++index) {
         char name[kZoneNameBufferSize];
         platform::DWORD nameSize = sizeof name;
-        if (platform::Current().Reg().EnumValue(key.Handle(), index, name, &nameSize, nullptr,
-                                                nullptr, nullptr) != platform::ERROR_SUCCESS) {
-            break;
+        platform::LONG rc = platform::Current().Reg().EnumValue(
+            key.Handle(), index, name, &nameSize, nullptr, nullptr, nullptr);
+        if (rc == static_cast<platform::LONG>(platform::ERROR_NO_MORE_ITEMS) ||
+            rc == static_cast<platform::LONG>(platform::ERROR_MORE_DATA)) {
+            return 0;
+        }
+        if (rc != 0) {
+            return rc;
         }
         names.emplace_back(name, nameSize);
     }
-    return names;
 }
 
-void StoreZone(core::RegistryKey& key, const ZoneRecord& zone) {
-    platform::Current().Reg().SetValueEx(key.Handle(), ZoneName(zone), platform::REG_BINARY,
-                                         reinterpret_cast<const platform::BYTE*>(&zone),
-                                         sizeof zone);
+platform::LONG StoreZone(core::RegistryKey& key, const ZoneRecord& zone) {
+    return platform::Current().Reg().SetValueEx(key.Handle(), ZoneName(zone), platform::REG_BINARY,
+                                                reinterpret_cast<const platform::BYTE*>(&zone),
+                                                sizeof zone);
 }
 
 }  // namespace
 
-void LoadZones() {
-    core::RegistryKey key(core::kZoneListSuffix, core::kGuiRootPath);
-    std::vector<std::string> names = ZoneValueNames(key);
-    if (names.empty()) {
-        CreateFirstRunZones(key);
-        names = ZoneValueNames(key);
-    }
+platform::LONG LoadZones(FirstRun firstRun) {
     g_zones.Clear();
+    core::RegistryKey key;
+    std::vector<std::string> names;
+    platform::LONG rc = key.Open(core::kZoneListSuffix, core::kGuiRootPath);
+    if (rc == 0) {
+        rc = ZoneValueNames(key, names);
+    }
+    if (rc == 0 && names.empty()) {
+        CreateFirstRunZones(key, firstRun);
+        rc = ZoneValueNames(key, names);
+    }
+    if (rc != 0) {
+        return rc;
+    }
     for (const std::string& name : names) {
         ZoneRecord zone = EmptyZone();
         platform::DWORD type = 0;
@@ -63,25 +76,34 @@ void LoadZones() {
             g_zones.Append(zone);
         }
     }
+    return 0;
 }
 
-void SaveZones() {
-    // One change of the store: an interrupted save leaves the old list or the new one.
+platform::LONG SaveZones() {
+    // One change of the store: an interrupted or failed save leaves the old list.
     platform::RegistryTransaction transaction;
+    if (!transaction.Active()) {
+        return transaction.BeginResult();
+    }
     {
-        core::RegistryKey gui("", core::kGuiRootPath);
-        if (gui.IsOpen()) {
-            platform::Current().Reg().DeleteKey(gui.Handle(), core::kZoneListSuffix + 1);
+        core::RegistryKey gui;
+        platform::LONG rc = gui.Open("", core::kGuiRootPath);
+        if (rc == 0) {
+            rc = platform::Current().Reg().DeleteKey(gui.Handle(), core::kZoneListSuffix + 1);
+            if (rc == static_cast<platform::LONG>(platform::ERROR_FILE_NOT_FOUND)) {
+                rc = 0;
+            }
         }
-        core::RegistryKey key(core::kZoneListSuffix, core::kGuiRootPath);
-        if (!key.IsOpen()) {
-            return;
+        core::RegistryKey key;
+        rc = rc != 0 ? rc : key.Open(core::kZoneListSuffix, core::kGuiRootPath);
+        for (std::size_t i = 0; rc == 0 && i < g_zones.Size(); ++i) {
+            rc = StoreZone(key, g_zones.At(i));
         }
-        for (std::size_t i = 0; i < g_zones.Size(); ++i) {
-            StoreZone(key, g_zones.At(i));
+        if (rc != 0) {
+            return rc;  // the transaction rolls back
         }
     }
-    transaction.Commit();
+    return transaction.Commit();
 }
 
 void ComposeZone(core::RegistryKey& key, const char* zoneName, const ZoneRecord& lanZone,
@@ -104,12 +126,14 @@ void ComposeZone(core::RegistryKey& key, const char* zoneName, const ZoneRecord&
     StoreZone(key, zone);
 }
 
-void CreateFirstRunZones(core::RegistryKey& key) {
+void CreateFirstRunZones(core::RegistryKey& key, FirstRun firstRun) {
     ZoneRecord lan = EmptyZone();
     if (DetectLan(lan) == 0) {
-        int answer =
-            core::CurrentMessages().MessageBox("Run Zone Wizard to configure Trusted Zone?",
-                                               "q-Brix", core::MB_YESNO | core::MB_ICONQUESTION);
+        int answer = firstRun == FirstRun::NoWizard
+                         ? core::IDNO
+                         : core::CurrentMessages().MessageBox(
+                               "Run Zone Wizard to configure Trusted Zone?", "q-Brix",
+                               core::MB_YESNO | core::MB_ICONQUESTION);
         if (answer == core::IDYES) {
             ZoneEditor(lan, kLanRulePrefix, nullptr, nullptr);
         }
@@ -127,8 +151,11 @@ void CreateFirstRunZones(core::RegistryKey& key) {
     }
 }
 
-int CommitZones() {
-    SaveZones();
+int CommitZones(platform::LONG* saved) {
+    platform::LONG rc = SaveZones();
+    if (saved != nullptr) {
+        *saved = rc;
+    }
     std::vector<unsigned char> buffer(driver::kAppListBufferSize);
     int count =
         driver::ListAppRecords(driver::g_hDriver, buffer.data(), driver::kAppListBufferSize);

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "core/Messages.h"
+#include "core/RegistryKey.h"
 #include "platform/Text.h"
 #include "policy/LanDiscovery.h"
 #include "policy/RuleGroupCorrector.h"
@@ -123,7 +124,15 @@ void ZonesPageModel::Rules(void* parent) {
 }
 
 void ZonesPageModel::Save() {
-    CommitZones();
+    platform::LONG saved = 0;
+    CommitZones(&saved);
+    if (saved != 0) {
+        // The zones stay as shown and still count as changed.
+        core::CurrentMessages().MessageBox(
+            "The zones could not be saved: " + core::StoreFailureText(saved) + ".", "q-Brix",
+            core::MB_OK | core::MB_ICONERROR);
+        return;
+    }
     m_modified = false;
 }
 

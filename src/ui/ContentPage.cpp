@@ -20,6 +20,7 @@
 #include "content/RuleXml.h"
 #include "content/TrayRuleMenu.h"
 #include "core/Messages.h"
+#include "core/RegistryKey.h"
 #include "core/StringTable.h"
 #include "ui/AnsiText.h"
 #include "ui/Icons.h"
@@ -191,7 +192,13 @@ void ContentPage::Reload() {
 
 void ContentPage::Save() {
     StoreShownFields();
-    content::SaveAllContent(m_settings);
+    if (platform::LONG rc = content::SaveAllContent(m_settings); rc != 0) {
+        // The rules stay as shown and still count as changed.
+        core::CurrentMessages().MessageBox(
+            "The rules could not be saved: " + core::StoreFailureText(rc) + ".", "q-Brix",
+            core::MB_OK | core::MB_ICONERROR);
+        return;
+    }
     m_modified = false;
 }
 

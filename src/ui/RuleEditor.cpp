@@ -15,6 +15,7 @@
 #include <QVBoxLayout>
 #include <memory>
 
+#include "content/ContentStore.h"
 #include "content/RuleEditorSupport.h"
 #include "core/Messages.h"
 #include "core/StringTable.h"
@@ -396,6 +397,11 @@ void RuleEditor::CopyRuleFields() {
 void RuleEditor::CloseEditor() {
     CopyRuleFields();
     if (ApplyMain() != 0 || ApplyReplace() != 0 || ApplySelectedSubRule() != 0) {
+        return;
+    }
+    // A rule the store could not read back as it is stays in the editor.
+    if (std::string problem = content::RuleStoreProblem(m_rule); !problem.empty()) {
+        core::CurrentMessages().MessageBox(problem, "q-Brix", core::MB_OK | core::MB_ICONERROR);
         return;
     }
     accept();

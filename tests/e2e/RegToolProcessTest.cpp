@@ -1,15 +1,19 @@
 // The built q-brix-reg program run as a real process on a temporary data root: exit statuses,
-// no waiting for an answer without a terminal, and an export-delete-import round trip. Also the
-// usage of every tool: asked for, it goes to the output with status 0; after an unknown
-// command, to the error stream with status 2.
+// no waiting for an answer without a terminal, an export-delete-import round trip, and an import
+// killed half way. Also the usage of every tool: asked for, it goes to the output with status 0;
+// after an unknown command, to the error stream with status 2.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <fstream>
 #include <string>
+#include <thread>
 
 #include "support/Process.h"
 #include "support/TempPlatform.h"
@@ -98,6 +102,56 @@ TEST_P(ToolUsageTest, HelpIsAnAnswerAndAnUnknownCommandAUsageError) {
 
 INSTANTIATE_TEST_SUITE_P(EveryTool, ToolUsageTest,
                          ::testing::Values(QBRIX_REG_TOOL, QBRIX_CTL, QBRIX_EVENT, QBRIX_DRIVER));
+
+// An import that replaces a tree ([-KEY] and then the new keys), killed at points spread over
+// its run, leaves the old tree or the whole new one, never the old one deleted and part of the
+// new one written.
+TEST_F(RegToolProcessTest, KilledImportLeavesTheOldTreeOrTheNewOne) {
+    constexpr int kKeys = 1500;
+    std::string file = m_dir.File("restore.reg");
+    {
+        std::ofstream reg(file, std::ios::binary);
+        reg << "Windows Registry Editor Version 5.00\r\n\r\n[-HKEY_LOCAL_MACHINE\\SOFTWARE\\T]\r\n";
+        for (int i = 0; i < kKeys; ++i) {
+            reg << "\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\T\\N" << i
+                << "]\r\n\"v\"=dword:00000001\r\n";
+        }
+    }
+    auto keysBelowT = [this] {
+        Outcome query = Run("query 'HKLM\\SOFTWARE\\T' /s");
+        int keys = 0;
+        for (std::size_t at = query.out.find("\nHKEY_LOCAL_MACHINE\\SOFTWARE\\T\\");
+             at != std::string::npos;
+             at = query.out.find("\nHKEY_LOCAL_MACHINE\\SOFTWARE\\T\\", at + 1)) {
+            ++keys;
+        }
+        return keys;
+    };
+    auto oldTree = [this] {
+        Run("delete 'HKLM\\SOFTWARE\\T' /f");  // absent the first time
+        EXPECT_EQ(0, Run("add 'HKLM\\SOFTWARE\\T\\Old' /v v /t REG_DWORD /d 1").status);
+    };
+    // One whole run tells how long an import takes here.
+    oldTree();
+    auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(0, Run("import '" + file + "'").status);
+    auto whole = std::chrono::steady_clock::now() - start;
+    ASSERT_EQ(kKeys, keysBelowT());
+
+    const std::vector<std::string> argv = {QBRIX_REG_TOOL, "--root", m_dir.File("root"), "import",
+                                           file};
+    for (int tenth = 1; tenth <= 9; tenth += 2) {
+        oldTree();
+        {
+            BackgroundProcess import(argv);
+            std::this_thread::sleep_for(whole * tenth / 10);
+            import.Stop(SIGKILL);
+        }
+        int keys = keysBelowT();
+        EXPECT_TRUE(keys == 1 || keys == kKeys)
+            << keys << " keys after a kill at " << tenth << "/10 of the import";
+    }
+}
 
 }  // namespace
 }  // namespace qbrix::test

@@ -1,9 +1,11 @@
-// Start-up and the store with real processes: several writers at once, and the single-instance
-// rule across processes.
+// Start-up and the store with real processes: several writers at once, a store that cannot be
+// read, and the single-instance rule across processes.
 #include <gtest/gtest.h>
 
 #include <signal.h>
 
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,6 +41,18 @@ TEST(StoreProcessTest, TwoProcessesWritingAtOnceLoseNothing) {
     EXPECT_EQ(static_cast<std::size_t>(2 * kCount), values.size());
     EXPECT_EQ(static_cast<std::size_t>(2 * kCount), keys.size());
     EXPECT_EQ(kCount - 1u, shared.GetDword("b" + std::to_string(kCount - 1), 0));
+}
+
+// The program names an unreadable store at start-up rather than fail later at a step that
+// needs it (installing the driver's service) with a misleading error.
+TEST(StoreProcessTest, ACorruptStoreIsNamedAtStartUp) {
+    TempDirectory dir;
+    std::filesystem::create_directories(dir.File("root"));
+    std::ofstream(dir.File("root/registry.db"), std::ios::binary) << std::string(8192, 'Z');
+    ProcessResult run = RunProcess({QBRIX_PROGRAM, "T"}, {{"QBRIX_ROOT", dir.File("root")}});
+    EXPECT_FALSE(run.timedOut);
+    EXPECT_NE(std::string::npos, run.err.find("configuration store is unreadable")) << run.err;
+    EXPECT_EQ(std::string::npos, run.err.find("create service")) << run.err;
 }
 
 class SingleInstanceTest : public ::testing::TestWithParam<bool> {};

@@ -9,6 +9,7 @@
 #include "content/RuleEngine.h"
 #include "core/RegistryKey.h"
 #include "core/RegistryPaths.h"
+#include "platform/Platform.h"
 #include "support/TempPlatform.h"
 
 namespace qbrix::content {
@@ -41,14 +42,27 @@ std::unique_ptr<ContentRule> Rule(std::string name, std::vector<RegRule> subs = 
                                          1, "grp");
 }
 
-void Save(const RuleList& list) {
-    SaveContentRules(Http().rulesKey, list, Http().protocolKey, Http().rulesSubkey);
+platform::LONG Save(RuleList& list) {
+    return SaveContentRules(Http().rulesKey, list, Http().protocolKey, Http().rulesSubkey);
 }
 
 std::vector<std::string> Subkeys(const std::string& suffix) {
     RegistryKey key(suffix, core::kLspRootPath);
     std::vector<std::string> names;
     key.ListSubkeys(names);
+    return names;
+}
+
+// Every sub-key name, however long.
+std::vector<std::string> AllSubkeys(const std::string& suffix) {
+    RegistryKey key(suffix, core::kLspRootPath);
+    std::vector<std::string> names;
+    char name[256];
+    DWORD size = sizeof name;
+    for (DWORD i = 0; platform::Current().Reg().EnumKeyEx(key.Handle(), i, name, &size) == 0;
+         ++i, size = sizeof name) {
+        names.emplace_back(name, size);
+    }
     return names;
 }
 
@@ -154,7 +168,7 @@ TEST_F(ContentStoreTest, TwelveSubRulesComeBackInRegistryOrder) {
                                                "8", "9"}));
 }
 
-TEST_F(ContentStoreTest, RulesLoadInNameOrderAndSaveReplacesTheWholeTree) {
+TEST_F(ContentStoreTest, RulesLoadInNameOrderAndSaveDeletesTheRemovedOnes) {
     RuleList list;
     list.Append(Rule("b"));
     list.Append(Rule("A"));
@@ -198,18 +212,68 @@ TEST_F(ContentStoreTest, BackslashInNameSavesNestedKeys) {
     EXPECT_EQ(loaded.At(0).main.findText, "");
 }
 
-TEST_F(ContentStoreTest, OverlongNameEndsTheEnumeration) {
+// A name longer than 98 characters (written by another tool) ends the listing at its place, and
+// a save of what was listed deletes only the rules it listed.
+TEST_F(ContentStoreTest, OverlongNameEndsTheListingAndSurvivesTheNextSave) {
     RuleList list;
-    list.Append(Rule("a"));
-    list.Append(Rule("m" + std::string(98, 'x')));
-    list.Append(Rule("z"));
-    list.Append(Rule(std::string(98, 'n')));
-    Save(list);
+    for (const char* name : {"Apple", "Mango", "Pear"}) {
+        list.Append(Rule(name));
+    }
+    ASSERT_EQ(Save(list), 0);
+    std::string overlong = "B" + std::string(119, 'x');
+    RegistryKey(std::string(Http().rulesKey) + "\\" + overlong, core::kLspRootPath)
+        .SetDword("Enable", 1);
+
     RuleList loaded;
-    LoadContentRules(Http().rulesKey, loaded);
+    ASSERT_EQ(LoadContentRules(Http().rulesKey, loaded), 0);
     ASSERT_EQ(loaded.Size(), 1u);
-    EXPECT_EQ(loaded.At(0).name, "a");
+    EXPECT_EQ(loaded.At(0).name, "Apple");
+    ASSERT_EQ(Save(loaded), 0);
+    EXPECT_EQ(AllSubkeys(Http().rulesKey),
+              (std::vector<std::string>{"Apple", overlong, "Mango", "Pear"}));
+
+    // The user's deletion of a listed rule still reaches the store.
+    loaded.Remove(&loaded.At(0));
+    ASSERT_EQ(Save(loaded), 0);
+    EXPECT_EQ(AllSubkeys(Http().rulesKey), (std::vector<std::string>{overlong, "Mango", "Pear"}));
 }
+
+struct Unstorable {
+    const char* label;
+    void (*spoil)(ContentRule&);
+};
+
+class UnstorableRuleTest : public ContentStoreTest,
+                           public ::testing::WithParamInterface<Unstorable> {};
+
+// What the store could not read back as written is refused before anything is written.
+TEST_P(UnstorableRuleTest, IsRefusedWithAReasonAndTheStoreKeepsItsRules) {
+    RuleList list;
+    list.Append(Rule("kept"));
+    ASSERT_EQ(Save(list), 0);
+    auto rule = Rule("n" + std::string(97, 'x'), {Stored(std::string(998, 's'), "sub")});
+    rule->group = std::string(998, 'g');
+    EXPECT_EQ(RuleStoreProblem(*rule), "");
+    GetParam().spoil(*rule);
+    EXPECT_NE(RuleStoreProblem(*rule), "");
+    list.Remove(&list.At(0));
+    list.Append(std::move(rule));
+    EXPECT_EQ(Save(list), static_cast<platform::LONG>(platform::ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(Subkeys(Http().rulesKey), std::vector<std::string>{"kept"});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Limits, UnstorableRuleTest,
+    ::testing::Values(
+        Unstorable{"Name99", [](ContentRule& r) { r.name += "y"; }},
+        Unstorable{"Name256", [](ContentRule& r) { r.name = std::string(256, 'n'); }},
+        Unstorable{"MainFind", [](ContentRule& r) { r.main.findText = std::string(999, 'f'); }},
+        Unstorable{"SubComment",
+                   [](ContentRule& r) { r.subRules[0]->comment = std::string(999, 'c'); }},
+        Unstorable{"ReplaceText",
+                   [](ContentRule& r) { r.replace.rawReplacement = std::string(1200, 'r'); }},
+        Unstorable{"Group", [](ContentRule& r) { r.group += "g"; }}),
+    [](const auto& info) { return std::string(info.param.label); });
 
 TEST_F(ContentStoreTest, SwitchedOffTextsAndBadDirectionsAreDropped) {
     std::string base = std::string(Http().rulesKey) + "\\off";

@@ -93,6 +93,27 @@ TEST_F(CtlContentTest, UsageAndBadInput) {
     EXPECT_EQ(Options({"set", "MaxSize", "12x"}), 2);
 }
 
+// A rule whose name or texts the store could not read back is refused before the store is
+// touched, with the reason.
+TEST_F(CtlContentTest, ImportRefusesWhatTheStoreCannotReadBack) {
+    const std::string longName(120, 'L');
+    const std::string longText(1000, 't');
+    const std::string files[] = {
+        "<MASTER_RULE NAME='" + longName +
+            "' ENABLE='1' DIRECTION='0'><MAIN ENABLE='1'>"
+            "<FIND ENABLE='1'>o</FIND></MAIN></MASTER_RULE>",
+        "<MASTER_RULE NAME='Texts' ENABLE='1' DIRECTION='0'><MAIN ENABLE='1'>"
+        "<FIND ENABLE='1'>o</FIND><COMMENT>" +
+            longText + "</COMMENT></MAIN></MASTER_RULE>"};
+    ASSERT_EQ(Rule({"import", Write("kept.xml", kRuleFile)}), 0) << m_err.str();
+    for (const std::string& content : files) {
+        EXPECT_EQ(Rule({"import", Write("long.xml", content)}), 1);
+        EXPECT_NE(m_err.str().find("at most"), std::string::npos) << m_err.str();
+    }
+    ASSERT_EQ(Rule({"list"}), 0);
+    EXPECT_EQ(m_out.str(), "Zeros\t1\t0\t\n");
+}
+
 TEST_F(CtlContentTest, UnitTestPrintsResults) {
     std::string input = Write("in.txt", "xabbcx");
     ASSERT_EQ(Unit({"test", "--find", "a(b+)c", input}), 0);

@@ -279,6 +279,96 @@ TEST(RegistryStoreFailureTest, LockedStoreGivesUpAfterItsBusyTimeAndKeepsData) {
     blocked.CloseKey(key);
 }
 
+// A store locked for longer than the busy time: opening it (a new store needs its tables
+// written) gives up with ERROR_BUSY once the busy time is over, however long the lock is held.
+TEST(RegistryStoreFailureTest, OpeningALockedNewStoreGivesUpWithBusy) {
+    test::TempDirectory dir;
+    std::string path = dir.File("registry.db");
+    sqlite3* holder = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &holder));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(holder,
+                                      "PRAGMA journal_mode=WAL; CREATE TABLE other(a);"
+                                      "BEGIN EXCLUSIVE",
+                                      nullptr, nullptr, nullptr));
+    std::atomic<LONG> result{-1};
+    std::thread caller([&] {
+        SqliteRegistry blocked(path, 1000);
+        blocked.SetBusyTimeoutMs(100);
+        HKEY key = nullptr;
+        DWORD disposition = 0;
+        result =
+            blocked.CreateKeyEx(HKEY_LOCAL_MACHINE, "New", 0, KEY_ALL_ACCESS, &key, &disposition);
+    });
+    // Released well after the busy time: a caller still waiting then would get the store.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    sqlite3_exec(holder, "ROLLBACK", nullptr, nullptr, nullptr);
+    caller.join();
+    sqlite3_close(holder);
+    EXPECT_EQ(static_cast<LONG>(ERROR_BUSY), result.load());
+}
+
+// A write that fails inside a transaction (here the disk fills up) dooms it: the later writes
+// fail too and its end commits nothing, rather than the writes after the failure reaching the
+// store one by one.
+TEST(RegistryStoreFailureTest, AFailedWriteDoomsItsTransaction) {
+    test::TempDirectory dir;
+    std::string path = dir.File("registry.db");
+    SqliteRegistry registry(path, 1000);
+    HKEY root = nullptr;
+    DWORD disposition = 0;
+    ASSERT_EQ(0, registry.CreateKeyEx(HKEY_LOCAL_MACHINE, "Rules", 0, KEY_ALL_ACCESS, &root,
+                                      &disposition));
+    ASSERT_EQ(0, registry.SetValueEx(root, "old", REG_DWORD,
+                                     reinterpret_cast<const BYTE*>("\1\0\0\0"), 4));
+    sqlite3* reader = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &reader));
+    auto count = [reader](const char* sql) {
+        sqlite3_stmt* stmt = nullptr;
+        sqlite3_prepare_v2(reader, sql, -1, &stmt, nullptr);
+        sqlite3_step(stmt);
+        int n = sqlite3_column_int(stmt, 0);
+        sqlite3_finalize(stmt);
+        return n;
+    };
+    int keysBefore = count("SELECT count(*) FROM keys");
+    registry.LimitSizeInPages(count("PRAGMA page_count") + 8);
+
+    ASSERT_EQ(0, registry.BeginTransaction());
+    const std::string block(3000, 'x');
+    LONG failed = 0;
+    int written = 0;
+    for (int i = 0; i < 100 && failed == 0; ++i) {
+        HKEY key = nullptr;
+        failed = registry.CreateKeyEx(root, "Sub" + std::to_string(i), 0, KEY_ALL_ACCESS, &key,
+                                      &disposition);
+        if (failed == 0) {
+            failed = registry.SetValueEx(key, "Find", REG_SZ,
+                                         reinterpret_cast<const BYTE*>(block.data()),
+                                         static_cast<DWORD>(block.size()));
+            registry.CloseKey(key);
+            written += failed == 0 ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(static_cast<LONG>(ERROR_DISK_FULL), failed);
+    EXPECT_GT(written, 0);
+    // A small write that would fit on its own fails as well.
+    EXPECT_EQ(
+        static_cast<LONG>(ERROR_DISK_FULL),
+        registry.SetValueEx(root, "late", REG_DWORD, reinterpret_cast<const BYTE*>("\2\0\0\0"), 4));
+    EXPECT_EQ(static_cast<LONG>(ERROR_DISK_FULL), registry.EndTransaction(true));
+    EXPECT_EQ(keysBefore, count("SELECT count(*) FROM keys"));
+    EXPECT_EQ(0, count("SELECT count(*) FROM vals WHERE name = CAST('late' AS BLOB)"));
+    sqlite3_close(reader);
+
+    // The next transaction starts afresh.
+    registry.LimitSizeInPages(1 << 20);
+    ASSERT_EQ(0, registry.BeginTransaction());
+    EXPECT_EQ(0, registry.SetValueEx(root, "late", REG_DWORD,
+                                     reinterpret_cast<const BYTE*>("\2\0\0\0"), 4));
+    EXPECT_EQ(0, registry.EndTransaction(true));
+    registry.CloseKey(root);
+}
+
 }  // namespace
 }  // namespace qbrix::platform
 

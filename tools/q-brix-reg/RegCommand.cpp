@@ -887,6 +887,12 @@ int RegCommand::Import(RegConsole& console) const {
         return kFailure;
     }
     platform::Registry& registry = platform::Current().Reg();
+    // The whole file is one change of the store: a failure or a kill half way leaves the tree
+    // as it was before the import.
+    platform::RegistryTransaction transaction;
+    if (!transaction.Active()) {
+        return ReportRegistryError(console, transaction.BeginResult(), "cannot import: ");
+    }
     for (const RegFileSection& section : file.Sections()) {
         const RegKeyPath& path = section.key;
         LONG rc = 0;
@@ -918,6 +924,9 @@ int RegCommand::Import(RegConsole& console) const {
                 console, rc,
                 "line " + std::to_string(section.line) + ": cannot write [" + path.Full() + "]: ");
         }
+    }
+    if (LONG rc = transaction.Commit(); rc != 0) {
+        return ReportRegistryError(console, rc, "cannot import: ");
     }
     console.out << kCompleted << "\n";
     return kSuccess;

@@ -15,6 +15,9 @@
 #include "content/RuleTestReport.h"
 #include "content/RuleXml.h"
 #include "content/TestLog.h"
+#include "core/RegistryKey.h"
+#include "platform/Registry.h"
+#include "platform/Text.h"
 
 namespace qbrix::tools {
 
@@ -92,9 +95,38 @@ ContentRule* FindRule(RuleList& list, const std::string& name) {
     return nullptr;
 }
 
-void Save(std::size_t row, const RuleList& list) {
+int StoreFailed(std::ostream& err, const std::string& what, platform::LONG rc) {
+    err << "q-brixctl: " << what << ": " << core::StoreFailureText(rc) << "\n";
+    return 1;
+}
+
+int Load(std::size_t row, RuleList& list, std::ostream& err) {
+    platform::LONG rc = LoadContentRules(kProtocolTable[row].rulesKey, list);
+    return rc == 0 ? 0 : StoreFailed(err, "cannot read the rules", rc);
+}
+
+// Load, change and save as one change of the store, so that tools running at the same time
+// never lose each other's changes. `change` returns 0 to save, else the exit status.
+template <typename Change>
+int Modify(std::size_t row, std::ostream& err, Change change) {
+    platform::RegistryTransaction transaction;
+    if (!transaction.Active()) {
+        return StoreFailed(err, "cannot change the rules", transaction.BeginResult());
+    }
+    RuleList list;
+    if (int status = Load(row, list, err); status != 0) {
+        return status;
+    }
+    if (int status = change(list); status != 0) {
+        return status;
+    }
     const ProtocolRow& protocol = kProtocolTable[row];
-    SaveContentRules(protocol.rulesKey, list, protocol.protocolKey, protocol.rulesSubkey);
+    platform::LONG rc =
+        SaveContentRules(protocol.rulesKey, list, protocol.protocolKey, protocol.rulesSubkey);
+    if (rc == 0) {
+        rc = transaction.Commit();
+    }
+    return rc == 0 ? 0 : StoreFailed(err, "cannot save the rules", rc);
 }
 
 int RuleTest(const Parsed& parsed, std::size_t row, std::ostream& out, std::ostream& err) {
@@ -112,7 +144,9 @@ int RuleTest(const Parsed& parsed, std::size_t row, std::ostream& out, std::ostr
         }
         rule = owned.get();
     } else if (auto name = parsed.options.find("--name"); name != parsed.options.end()) {
-        LoadContentRules(kProtocolTable[row].rulesKey, list);
+        if (int status = Load(row, list, err); status != 0) {
+            return status;
+        }
         rule = FindRule(list, name->second);
         if (rule == nullptr) {
             err << "q-brixctl: no rule named '" << name->second << "'\n";
@@ -158,10 +192,11 @@ int RunRuleCommand(const std::vector<std::string>& args, std::ostream& out, std:
         return Usage(err, "rule needs list, export, import, delete or test");
     }
     const std::string& action = parsed.words[0];
-    const char* rulesKey = kProtocolTable[*row].rulesKey;
     RuleList list;
     if (action == "list") {
-        LoadContentRules(rulesKey, list);
+        if (int status = Load(*row, list, err); status != 0) {
+            return status;
+        }
         for (std::size_t index = 0; index < list.Size(); ++index) {
             const ContentRule& rule = list.At(index);
             out << rule.name << "\t" << rule.enable << "\t" << rule.direction << "\t" << rule.group
@@ -173,7 +208,9 @@ int RunRuleCommand(const std::vector<std::string>& args, std::ostream& out, std:
         if (parsed.words.size() != 3) {
             return Usage(err, "rule export needs NAME and FILE");
         }
-        LoadContentRules(rulesKey, list);
+        if (int status = Load(*row, list, err); status != 0) {
+            return status;
+        }
         const ContentRule* rule = FindRule(list, parsed.words[1]);
         if (rule == nullptr) {
             err << "q-brixctl: no rule named '" << parsed.words[1] << "'\n";
@@ -186,47 +223,46 @@ int RunRuleCommand(const std::vector<std::string>& args, std::ostream& out, std:
         if (parsed.words.size() != 2) {
             return Usage(err, "rule import needs FILE");
         }
-        LoadContentRules(rulesKey, list);
         auto rule = std::make_unique<ContentRule>();
         if (ImportContentRule(*rule, parsed.words[1]) != 0) {
             err << "q-brixctl: cannot import " << parsed.words[1] << "\n";
             return 1;
         }
-        for (std::size_t index = 0; index < list.Size(); ++index) {
-            std::string a = list.At(index).name;
-            std::string b = rule->name;
-            for (char& c : a)
-                c = (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c;
-            for (char& c : b)
-                c = (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c;
-            if (a != b) {
-                continue;
-            }
-            if (parsed.options.count("--overwrite") == 0) {
-                err << "q-brixctl: a rule named '" << list.At(index).name
-                    << "' exists (use --overwrite)\n";
-                return 1;
-            }
-            list.Remove(&list.At(index));
-            break;
+        if (std::string problem = RuleStoreProblem(*rule); !problem.empty()) {
+            err << "q-brixctl: cannot import " << parsed.words[1] << ": " << problem << "\n";
+            return 1;
         }
-        list.Append(std::move(rule));
-        Save(*row, list);
-        return 0;
+        bool overwrite = parsed.options.count("--overwrite") != 0;
+        return Modify(*row, err, [&](RuleList& stored) {
+            for (std::size_t index = 0; index < stored.Size(); ++index) {
+                if (!platform::EqualsIgnoreCase(stored.At(index).name, rule->name)) {
+                    continue;
+                }
+                if (!overwrite) {
+                    err << "q-brixctl: a rule named '" << stored.At(index).name
+                        << "' exists (use --overwrite)\n";
+                    return 1;
+                }
+                stored.Remove(&stored.At(index));
+                break;
+            }
+            stored.Append(std::move(rule));
+            return 0;
+        });
     }
     if (action == "delete") {
         if (parsed.words.size() != 2) {
             return Usage(err, "rule delete needs NAME");
         }
-        LoadContentRules(rulesKey, list);
-        const ContentRule* rule = FindRule(list, parsed.words[1]);
-        if (rule == nullptr) {
-            err << "q-brixctl: no rule named '" << parsed.words[1] << "'\n";
-            return 1;
-        }
-        list.Remove(rule);
-        Save(*row, list);
-        return 0;
+        return Modify(*row, err, [&](RuleList& stored) {
+            const ContentRule* rule = FindRule(stored, parsed.words[1]);
+            if (rule == nullptr) {
+                err << "q-brixctl: no rule named '" << parsed.words[1] << "'\n";
+                return 1;
+            }
+            stored.Remove(rule);
+            return 0;
+        });
     }
     if (action == "test") {
         return RuleTest(parsed, *row, out, err);

@@ -6,6 +6,8 @@
 #include <fstream>
 
 #include "core/Messages.h"
+#include "core/RegistryKey.h"
+#include "platform/Registry.h"
 #include "platform/Text.h"
 #include "policy/LanDiscovery.h"
 #include "policy/ZoneExchange.h"
@@ -62,8 +64,41 @@ std::string Dotted(std::uint32_t hostOrder) {
     return text;
 }
 
-int List(std::ostream& out) {
-    policy::LoadZones();
+int StoreFailed(std::ostream& err, const std::string& what, platform::LONG rc) {
+    return Failed(err, what + ": " + core::StoreFailureText(rc));
+}
+
+// The zone list as the program has it; a first run on an empty store fills it without asking.
+int Load(std::ostream& err) {
+    platform::LONG rc = policy::LoadZones(policy::FirstRun::NoWizard);
+    return rc == 0 ? 0 : StoreFailed(err, "cannot read the zone list", rc);
+}
+
+// Load, change and save as one change of the store, so that tools running at the same time
+// never lose each other's changes. `change` returns 0 to save, else the exit status.
+template <typename Change>
+int Modify(std::ostream& err, Change change) {
+    platform::RegistryTransaction transaction;
+    if (!transaction.Active()) {
+        return StoreFailed(err, "cannot change the zone list", transaction.BeginResult());
+    }
+    if (int status = Load(err); status != 0) {
+        return status;
+    }
+    if (int status = change(); status != 0) {
+        return status;
+    }
+    platform::LONG rc = policy::SaveZones();
+    if (rc == 0) {
+        rc = transaction.Commit();
+    }
+    return rc == 0 ? 0 : StoreFailed(err, "cannot save the zone list", rc);
+}
+
+int List(std::ostream& out, std::ostream& err) {
+    if (int status = Load(err); status != 0) {
+        return status;
+    }
     for (std::size_t i = 0; i < g_zones.Size(); ++i) {
         out << policy::ZoneName(g_zones.At(i)) << "\n";
     }
@@ -71,7 +106,9 @@ int List(std::ostream& out) {
 }
 
 int Dump(const std::string& name, std::ostream& out, std::ostream& err) {
-    policy::LoadZones();
+    if (int status = Load(err); status != 0) {
+        return status;
+    }
     const ZoneRecord* zone = policy::FindZone(name);
     if (zone == nullptr) {
         return Failed(err, "no zone named '" + name + "'");
@@ -81,7 +118,9 @@ int Dump(const std::string& name, std::ostream& out, std::ostream& err) {
 }
 
 int Export(const std::string& name, const std::string& file, std::ostream& err) {
-    policy::LoadZones();
+    if (int status = Load(err); status != 0) {
+        return status;
+    }
     const ZoneRecord* zone = policy::FindZone(name);
     if (zone == nullptr) {
         return Failed(err, "no zone named '" + name + "'");
@@ -94,35 +133,37 @@ int Export(const std::string& name, const std::string& file, std::ostream& err) 
 }
 
 int Import(const std::string& file, bool overwrite, std::ostream& err) {
-    policy::LoadZones();
     ZoneRecord zone = policy::EmptyZone();
     if (policy::ImportZone(zone, file) != 0) {
         return Failed(err, "'" + file + "' holds no zone (missing, unreadable or not a zone file)");
     }
-    for (std::size_t i = 0; i < g_zones.Size(); ++i) {
-        if (platform::EqualsIgnoreCase(policy::ZoneName(g_zones.At(i)), policy::ZoneName(zone))) {
-            if (!overwrite) {
-                return Failed(err, "a zone named '" + std::string(policy::ZoneName(g_zones.At(i))) +
-                                       "' exists; use --overwrite to replace it");
+    return Modify(err, [&] {
+        for (std::size_t i = 0; i < g_zones.Size(); ++i) {
+            if (platform::EqualsIgnoreCase(policy::ZoneName(g_zones.At(i)),
+                                           policy::ZoneName(zone))) {
+                if (!overwrite) {
+                    return Failed(err, "a zone named '" +
+                                           std::string(policy::ZoneName(g_zones.At(i))) +
+                                           "' exists; use --overwrite to replace it");
+                }
+                g_zones.Remove(&g_zones.At(i));
+                break;
             }
-            g_zones.Remove(&g_zones.At(i));
-            break;
         }
-    }
-    g_zones.Append(zone);
-    policy::SaveZones();
-    return 0;
+        g_zones.Append(zone);
+        return 0;
+    });
 }
 
 int Delete(const std::string& name, std::ostream& err) {
-    policy::LoadZones();
-    ZoneRecord* zone = policy::FindZone(name);
-    if (zone == nullptr) {
-        return Failed(err, "no zone named '" + name + "'");
-    }
-    g_zones.Remove(zone);
-    policy::SaveZones();
-    return 0;
+    return Modify(err, [&] {
+        ZoneRecord* zone = policy::FindZone(name);
+        if (zone == nullptr) {
+            return Failed(err, "no zone named '" + name + "'");
+        }
+        g_zones.Remove(zone);
+        return 0;
+    });
 }
 
 int Lan(std::ostream& out, std::ostream& err) {
@@ -150,7 +191,7 @@ int RunZoneCommand(const std::vector<std::string>& args, std::ostream& out, std:
     const std::string& command = args[0];
     std::size_t count = args.size() - 1;
     if (command == "list" && count == 0) {
-        return List(out);
+        return List(out, err);
     }
     if (command == "dump" && count == 1) {
         return Dump(args[1], out, err);

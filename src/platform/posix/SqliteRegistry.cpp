@@ -45,7 +45,7 @@ LONG FromSqlite(int rc) {
         case SQLITE_SCHEMA:
             return ERROR_BADDB;
         case SQLITE_FULL:
-            return 112;  // ERROR_DISK_FULL
+            return ERROR_DISK_FULL;
         default:
             return ERROR_GEN_FAILURE;
     }
@@ -122,7 +122,8 @@ LONG CopyData(std::string_view bytes, BYTE* data, DWORD* size) {
 // A cached prepared statement, reset when the wrapper goes out of scope.
 class SqliteRegistry::Statement {
 public:
-    Statement(SqliteRegistry& registry, const char* sql) : m_stmt(registry.Prepare(sql)) {}
+    Statement(SqliteRegistry& registry, const char* sql)
+        : m_registry(registry), m_stmt(registry.Prepare(sql)) {}
     ~Statement() {
         if (m_stmt != nullptr) {
             sqlite3_reset(m_stmt);
@@ -146,11 +147,18 @@ public:
     Statement& BindText(int index, std::string_view text) {
         return BindBytes(index, text.data(), text.size());
     }
-    int Step() { return m_stmt == nullptr ? SQLITE_ERROR : sqlite3_step(m_stmt); }
+    int Step() {
+        int rc = m_stmt == nullptr ? SQLITE_ERROR : sqlite3_step(m_stmt);
+        if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+            m_registry.NoteFailure(rc);
+        }
+        return rc;
+    }
     std::int64_t Int(int column) { return sqlite3_column_int64(m_stmt, column); }
     std::string_view Bytes(int column) { return ColumnBytes(m_stmt, column); }
 
 private:
+    SqliteRegistry& m_registry;
     sqlite3_stmt* m_stmt;
 };
 
@@ -158,9 +166,11 @@ private:
 // rolled back unless committed.
 class SqliteRegistry::Transaction {
 public:
-    explicit Transaction(sqlite3* db) : m_db(db), m_nested(sqlite3_get_autocommit(db) == 0) {
+    explicit Transaction(SqliteRegistry& registry)
+        : m_registry(registry), m_db(registry.m_db), m_nested(sqlite3_get_autocommit(m_db) == 0) {
         m_rc = sqlite3_exec(m_db, m_nested ? "SAVEPOINT change" : "BEGIN IMMEDIATE", nullptr,
                             nullptr, nullptr);
+        m_registry.NoteFailure(m_rc);
     }
     ~Transaction() {
         if (m_rc == SQLITE_OK && !m_committed) {
@@ -170,13 +180,15 @@ public:
     }
     LONG Begun() const { return FromSqlite(m_rc); }
     LONG Commit() {
-        int rc = sqlite3_exec(m_db, m_nested ? "RELEASE change" : "COMMIT", nullptr, nullptr,
-                              nullptr);
+        int rc =
+            sqlite3_exec(m_db, m_nested ? "RELEASE change" : "COMMIT", nullptr, nullptr, nullptr);
         m_committed = rc == SQLITE_OK;
+        m_registry.NoteFailure(rc);
         return FromSqlite(rc);
     }
 
 private:
+    SqliteRegistry& m_registry;
     sqlite3* m_db;
     bool m_nested;
     int m_rc;
@@ -221,6 +233,12 @@ LONG SqliteRegistry::EndTransaction(bool commit) {
         return ERROR_INVALID_FUNCTION;
     }
     --m_transactionDepth;
+    // A doomed scope commits nothing: its end rolls back whatever the store still holds of it
+    // (SQLite may already have rolled the whole transaction back on its own).
+    LONG doomed = m_doomed;
+    if (doomed != ERROR_SUCCESS) {
+        commit = false;
+    }
     std::string sql;
     if (m_transactionDepth == 0) {
         sql = commit ? "COMMIT" : "ROLLBACK";
@@ -233,8 +251,26 @@ LONG SqliteRegistry::EndTransaction(bool commit) {
     if (rc != SQLITE_OK && m_transactionDepth == 0 && m_db != nullptr) {
         sqlite3_exec(m_db, "ROLLBACK", nullptr, nullptr, nullptr);
     }
+    if (m_transactionDepth == 0) {
+        m_doomed = ERROR_SUCCESS;
+    } else if (rc != SQLITE_OK) {
+        NoteFailure(rc);
+    }
     m_lock.unlock();
+    if (doomed != ERROR_SUCCESS) {
+        return doomed;
+    }
     return FromSqlite(rc);
+}
+
+void SqliteRegistry::NoteFailure(int rc) {
+    if (rc != SQLITE_OK && rc != SQLITE_ROW && rc != SQLITE_DONE && m_transactionDepth > 0 &&
+        m_doomed == ERROR_SUCCESS) {
+        m_doomed = FromSqlite(rc);
+        if (m_doomed == ERROR_SUCCESS) {
+            m_doomed = ERROR_GEN_FAILURE;
+        }
+    }
 }
 
 void SqliteRegistry::CloseDatabase() {
@@ -249,6 +285,9 @@ void SqliteRegistry::CloseDatabase() {
 }
 
 LONG SqliteRegistry::EnsureOpen() {
+    if (m_transactionDepth > 0 && m_doomed != ERROR_SUCCESS) {
+        return m_doomed;  // a statement of the open transaction scope failed
+    }
     if (m_db != nullptr) {
         return ERROR_SUCCESS;
     }
@@ -270,18 +309,36 @@ LONG SqliteRegistry::EnsureOpen() {
             return FromSqlite(rc);
         }
     }
-    sqlite3_busy_timeout(m_db, m_busyTimeoutMs);
-    // Two processes opening a new store at once race for switching it to the write-ahead log;
-    // SQLite answers the loser at once with "busy" rather than waiting, so wait here too.
-    LONG result = InitializeSchema();
-    for (int waitedMs = 0; result == ERROR_BUSY && waitedMs < m_busyTimeoutMs; waitedMs += 5) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    // The whole open waits at most the busy time, measured on a steady clock: each try is given
+    // only what is left of it. Two processes opening a new store at once race for switching it
+    // to the write-ahead log; SQLite answers the loser at once with "busy" rather than waiting,
+    // hence the retries.
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(m_busyTimeoutMs);
+    LONG result = ERROR_BUSY;
+    while (true) {
+        auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        sqlite3_busy_timeout(m_db, static_cast<int>(left > 0 ? left : 0));
         result = InitializeSchema();
+        if (result != ERROR_BUSY || Clock::now() >= deadline) {
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
+    sqlite3_busy_timeout(m_db, m_busyTimeoutMs);
     if (result != ERROR_SUCCESS) {
         CloseDatabase();
     }
     return result;
+}
+
+void SqliteRegistry::LimitSizeInPages(int pages) {
+    std::lock_guard guard(m_lock);
+    if (EnsureOpen() == ERROR_SUCCESS) {
+        std::string sql = "PRAGMA max_page_count = " + std::to_string(pages);
+        sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, nullptr);
+    }
 }
 
 LONG SqliteRegistry::InitializeSchema() {
@@ -299,6 +356,17 @@ LONG SqliteRegistry::InitializeSchema() {
     if (rc != SQLITE_OK) {
         return FromSqlite(rc);
     }
+    // A store that has its tables and roots needs no write to be opened, so opening it does not
+    // wait for another process's change.
+    {
+        Statement ready(*this,
+                        "SELECT (SELECT count(*) FROM sqlite_master WHERE type = 'table' AND "
+                        "name IN ('keys', 'vals')) = 2 AND (SELECT count(*) FROM keys WHERE "
+                        "id IN (1, 2, 3)) = 3");
+        if (ready.Valid() && ready.Step() == SQLITE_ROW && ready.Int(0) == 1) {
+            return ERROR_SUCCESS;
+        }
+    }
     static const char kSchema[] =
         "CREATE TABLE IF NOT EXISTS keys("
         "  id INTEGER PRIMARY KEY, parent INTEGER NOT NULL, name BLOB NOT NULL,"
@@ -311,7 +379,7 @@ LONG SqliteRegistry::InitializeSchema() {
         "  (1, 0, CAST('HKEY_LOCAL_MACHINE' AS BLOB), CAST('HKEY_LOCAL_MACHINE' AS BLOB)),"
         "  (2, 0, CAST('HKEY_CLASSES_ROOT' AS BLOB), CAST('HKEY_CLASSES_ROOT' AS BLOB)),"
         "  (3, 0, CAST('HKEY_USERS' AS BLOB), CAST('HKEY_USERS' AS BLOB));";
-    Transaction tx(m_db);
+    Transaction tx(*this);
     if (tx.Begun() != ERROR_SUCCESS) {
         return tx.Begun();
     }
@@ -343,7 +411,7 @@ LONG SqliteRegistry::StartChange(std::optional<Transaction>& tx) {
     if (m_readOnly) {
         return ERROR_ACCESS_DENIED;
     }
-    tx.emplace(m_db);
+    tx.emplace(*this);
     return tx->Begun();
 }
 
@@ -460,7 +528,7 @@ LONG SqliteRegistry::CreateKeyEx(HKEY key, std::string_view subKey, DWORD /*opti
         }
         return OpenKeyEx(key, subKey, access, result);
     }
-    Transaction tx(m_db);
+    Transaction tx(*this);
     if (tx.Begun() != ERROR_SUCCESS) {
         return tx.Begun();
     }

@@ -42,8 +42,12 @@ public:
     LONG BeginTransaction() override;
     LONG EndTransaction(bool commit) override;
 
-    // Milliseconds a call waits for another process's write before giving up.
+    // Milliseconds a call waits for another process's write before giving up (ERROR_BUSY). The
+    // open of the store waits at most this long in all.
     void SetBusyTimeoutMs(int timeoutMs);
+    // Caps the store file at `pages` database pages for this connection: a change that needs
+    // more fails as it would on a full disk (how the tests make a disk full).
+    void LimitSizeInPages(int pages);
 
 private:
     struct OpenKey {
@@ -53,7 +57,11 @@ private:
     class Statement;
     class Transaction;
 
+    // Opens the store on first use; inside a doomed transaction scope, the error that doomed it.
     LONG EnsureOpen();
+    // A failed statement inside a transaction scope dooms the scope: every later call in it
+    // fails with the first error and its end rolls everything back.
+    void NoteFailure(int sqliteResult);
     // Opens the store for a change and begins the change's transaction.
     LONG StartChange(std::optional<Transaction>& tx);
     LONG InitializeSchema();
@@ -77,6 +85,7 @@ private:
     std::map<std::uintptr_t, OpenKey> m_handles;
     std::uintptr_t m_nextHandle = 0x1000;
     int m_transactionDepth = 0;  // open transaction scopes; m_lock is held while it is above 0
+    LONG m_doomed = 0;           // the error that doomed the open scopes, 0 while none has
 };
 
 }  // namespace qbrix::platform
