@@ -27,13 +27,18 @@ ContentEventQueue::~ContentEventQueue() {
 }
 
 void ContentEventQueue::StartIfNeeded() {
-    // A failed creation stores the invalid handle and is never retried.
-    if (m_mailslot.load() == nullptr) {
-        m_mailslot.store(platform::CreateMailslot(kContentMailslotName, kContentMailslotMaxMessage,
-                                                  kContentMailslotReadTimeoutMs));
+    // A failed creation stores the invalid handle and is tried again on the next take: whoever
+    // held the name (another copy, or a process that took its lock at start-up) may have let
+    // go, and the event feed must not be lost for the whole run.
+    platform::HANDLE mailslot = m_mailslot.load();
+    if (mailslot == nullptr || mailslot == platform::INVALID_HANDLE_VALUE) {
+        mailslot = platform::CreateMailslot(kContentMailslotName, kContentMailslotMaxMessage,
+                                            kContentMailslotReadTimeoutMs);
+        m_mailslot.store(mailslot);
     }
+    // The reader starts with the mailslot, so it never spins on reads that fail at once.
     auto reader = reinterpret_cast<std::uintptr_t>(m_reader.load());
-    if (reader == 0 || reader == 1) {
+    if (mailslot != platform::INVALID_HANDLE_VALUE && (reader == 0 || reader == 1)) {
         m_reader.store(platform::BeginThread(&ContentEventQueue::ReaderMain, this));
     }
 }

@@ -5,11 +5,11 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 
 #include "platform/ComponentLoader.h"
 #include "platform/Security.h"
+#include "platform/posix/PosixPlatform.h"
 
 namespace qbrix::platform {
 
@@ -28,10 +28,7 @@ Platform::Platform(SystemInfo info, std::unique_ptr<Registry> registry)
 Platform::~Platform() = default;
 
 std::string Platform::RunDirectory() const {
-    std::string dir = JoinPath(m_info.dataRoot, "run");
-    std::error_code ignored;
-    std::filesystem::create_directories(dir, ignored);
-    return dir;
+    return MakeRunDirectory(m_info.dataRoot);
 }
 
 RegistryTransaction::RegistryTransaction()

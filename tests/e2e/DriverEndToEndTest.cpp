@@ -1,8 +1,9 @@
 // The driver link with real processes and real sockets: the reference driver serving every
 // request on both families, the 9x driver loaded for the life of a handle, and the control
-// program's start-up and exit against the driver.
+// program's start-up and exit against the driver, and who else may open what they make.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,6 +14,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "DriverServer.h"
@@ -302,6 +304,114 @@ TEST_F(ControlProgramTest, NoDriverShowsTheOpenError) {
               std::string::npos)
         << Errors();
 }
+
+// Permissions: what a running program and its driver make in the data root is closed to other
+// users whatever the umask (the test runs them under umask 000), except the mailslot, which every
+// program may write to. On root's data root the administrators' group shares it; on a data root
+// of another user (the parameter) only its maker may open it.
+class PermissionsTest : public ControlProgramTest, public ::testing::WithParamInterface<bool> {
+  protected:
+    void SetUp() override {
+        ControlProgramTest::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        if (GetParam()) {
+            ASSERT_EQ(0, ::chown(m_platform.DataRoot().c_str(), kOwner, kOwner));
+        }
+        m_umask = ::umask(0);
+        m_umaskChanged = true;
+    }
+    void TearDown() override {
+        if (m_umaskChanged) {
+            ::umask(m_umask);
+        }
+    }
+    // A temporary run: the program with its driver, up to its reading the mailslot.
+    std::unique_ptr<BackgroundProcess> StartProgram() {
+        auto program = Run("T");
+        EXPECT_TRUE(WaitFor([this] { return Status().rfind("ok filtering 1", 0) == 0; }))
+            << Errors();
+        EXPECT_TRUE(
+            WaitFor([this] { return std::filesystem::exists(File("run/mailslot/korvel")); }, 20s))
+            << Errors();
+        return program;
+    }
+    std::string File(const std::string& name) const { return m_platform.DataRoot() + "/" + name; }
+    // Runs `argv` as another user (nobody), in no group.
+    static int AsAnotherUser(std::vector<std::string> argv) {
+        argv.insert(argv.begin(),
+                    {"/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups"});
+        return test::RunProcess(argv).exitCode;
+    }
+
+    static constexpr uid_t kOwner = 65532;  // the other user whose data root it is
+    mode_t m_umask = 0;
+    bool m_umaskChanged = false;
+};
+
+TEST_P(PermissionsTest, EveryFileHasItsOwnModeWhateverTheUmask) {
+    auto program = StartProgram();
+    bool shared = !GetParam();
+    mode_t file = shared ? 0660 : 0600;
+    mode_t pid = shared ? 0640 : 0600;
+    mode_t closed = shared ? 02770 : 0700;
+    mode_t passable = closed | 0001;
+    const std::vector<std::pair<std::string, mode_t>> expected = {
+        {"registry.db", file},
+        {"registry.db-wal", file},
+        {"registry.db-shm", file},
+        {"run", passable},
+        {"run/mailslot", passable},
+        {"run/mailslot/korvel", 0666},
+        {"run/mailslot/korvel.lock", file},
+        {"run/mutex", closed},
+        {"run/mutex/Global", closed},
+        {"run/mutex/Global/KORVEL_MUTEX_OBJECT.lock", file},
+        {"run/q-Brix.sock", file},
+        {"run/q-Brix.ctl", file},
+        {"run/q-brix-driver.pid", pid},
+        {"run/services", closed},
+        {"run/services/Q-BRIX.pid", file},
+        {"windows", closed},
+    };
+    for (const auto& [name, mode] : expected) {
+        struct stat info {};
+        ASSERT_EQ(0, ::lstat(File(name).c_str(), &info)) << name;
+        EXPECT_EQ(mode, info.st_mode & 07777) << name << ": " << std::oct << (info.st_mode & 07777);
+    }
+    EXPECT_EQ(program->Stop(SIGTERM), 0);
+}
+
+// Even with every directory on the way open, another user reaches the mailslot and nothing
+// else: not the driver's sockets, and not the lock files, which a read-only descriptor would do
+// to take (a held lock ends the next start silently, or keeps the event feed from starting).
+TEST_P(PermissionsTest, AnotherUserWritesToTheMailslotAndTakesNoLock) {
+    if (!std::filesystem::exists("/usr/bin/setpriv") ||
+        !std::filesystem::exists("/usr/bin/flock")) {
+        GTEST_SKIP() << "needs setpriv and flock";
+    }
+    std::filesystem::permissions(std::filesystem::path(m_platform.DataRoot()).parent_path(),
+                                 std::filesystem::perms(0755));
+    std::filesystem::permissions(m_platform.DataRoot(), std::filesystem::perms(0755));
+    auto program = StartProgram();
+    EXPECT_EQ(0, AsAnotherUser({QBRIX_EVENT_BINARY, "--root", m_platform.DataRoot(), "--type", "4",
+                                "--address", "http://host/", "--name", "Banner"}));
+    EXPECT_NE(0, AsAnotherUser({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(), "--status"}));
+    EXPECT_NE(0, AsAnotherUser({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(), "--inject",
+                                "tool.exe tcp out 192.0.2.1:80"}));
+    EXPECT_EQ(program->Stop(SIGTERM), 0);
+    for (const char* lock :
+         {"run/mutex/Global/KORVEL_MUTEX_OBJECT.lock", "run/mailslot/korvel.lock"}) {
+        ASSERT_TRUE(std::filesystem::exists(File(lock))) << lock;
+        EXPECT_NE(0, AsAnotherUser({"/usr/bin/flock", "--nonblock", File(lock), "true"})) << lock;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(DataRoots, PermissionsTest, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                             return info.param ? "OfAnotherUser" : "OfRoot";
+                         });
 
 }  // namespace
 }  // namespace qbrix::driver

@@ -1,6 +1,11 @@
 // The content-event queue: the message layout on the wire, lazy start, order, dropped sizes, the
-// diagnostic lines and the shutdown of a running reader.
+// diagnostic lines, the retried creation and the shutdown of a running reader.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -10,6 +15,7 @@
 #include "core/DiagLog.h"
 #include "core/RegistryKey.h"
 #include "core/RegistryPaths.h"
+#include "platform/Mailslot.h"
 #include "platform/Platform.h"
 #include "support/TempPlatform.h"
 
@@ -94,16 +100,42 @@ TEST_F(ContentEventQueueTest, EventsAreTakenInTheOrderWrittenAndWrongSizesAreDro
     EXPECT_EQ(0, TakeContentEvent(&taken));
 }
 
-TEST_F(ContentEventQueueTest, FailedCreationIsKeptAndNeverRetried) {
-    platform::HANDLE other = platform::CreateMailslot(kContentMailslotName, 664, 0);
-    ASSERT_NE(platform::INVALID_HANDLE_VALUE, other);
+// Permissions: another process that holds the mailslot's lock at start-up (a read-only
+// descriptor is enough for the lock) only delays the event feed; the next take after it lets go
+// creates the mailslot and starts the reader.
+TEST_F(ContentEventQueueTest, ACreationThatFailedIsRetriedOnTheNextTake) {
+    std::string lock = platform::MailslotSocketPath(kContentMailslotName) + ".lock";
+    std::filesystem::create_directories(std::filesystem::path(lock).parent_path());
+    int held[2];
+    ASSERT_EQ(0, ::pipe(held));
+    pid_t holder = ::fork();
+    ASSERT_GE(holder, 0);
+    if (holder == 0) {
+        int fd = ::open(lock.c_str(), O_RDONLY | O_CREAT, 0644);
+        char ok = fd >= 0 && ::flock(fd, LOCK_EX) == 0 ? 'y' : 'n';
+        [[maybe_unused]] ssize_t ignored = ::write(held[1], &ok, 1);
+        ::pause();
+        ::_exit(0);
+    }
+    char ok = 'n';
+    ASSERT_EQ(1, ::read(held[0], &ok, 1));
+    ASSERT_EQ('y', ok);
     ContentEvent taken;
     EXPECT_EQ(0, TakeContentEvent(&taken));
-    EXPECT_EQ(platform::INVALID_HANDLE_VALUE, g_contentEvents.MailslotHandle());
-    platform::CloseHandle(other);
     EXPECT_EQ(0, TakeContentEvent(&taken));
     EXPECT_EQ(platform::INVALID_HANDLE_VALUE, g_contentEvents.MailslotHandle());
-    EXPECT_FALSE(Send(MakeEvent(1, "x", "y")));  // nobody owns the name now
+    EXPECT_FALSE(Send(MakeEvent(1, "x", "lost")));
+    ::kill(holder, SIGKILL);
+    ::waitpid(holder, nullptr, 0);
+    ::close(held[0]);
+    ::close(held[1]);
+
+    EXPECT_EQ(0, TakeContentEvent(&taken));
+    EXPECT_NE(platform::INVALID_HANDLE_VALUE, g_contentEvents.MailslotHandle());
+    ASSERT_TRUE(Send(MakeEvent(1, "x", "kept")));
+    ASSERT_TRUE(WaitQueued(1));
+    ASSERT_EQ(1, TakeContentEvent(&taken));
+    EXPECT_STREQ("kept", taken.name);
 }
 
 TEST_F(ContentEventQueueTest, ShutdownStopsARunningReaderAtOnceAndLosesQueuedEvents) {

@@ -11,12 +11,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 
 #include "platform/Device.h"
 #include "platform/DeviceFrames.h"
 #include "platform/Platform.h"
+#include "platform/posix/PosixPlatform.h"
 
 namespace qbrix::refdriver {
 
@@ -58,8 +57,9 @@ int Connect(const std::string& path) {
     return fd;
 }
 
-// A socket already served by a live process is refused; a stale file is replaced.
-int Listen(const std::string& path, std::string* error) {
+// A socket already served by a live process is refused; a stale file is replaced. Only root and
+// the administrators (or, on a user's own data root, that user) may connect, whatever the umask.
+int Listen(const std::string& dataRoot, const std::string& path, std::string* error) {
     sockaddr_un address{};
     if (!MakeAddress(path, &address)) {
         *error = "socket path too long: " + path;
@@ -80,6 +80,7 @@ int Listen(const std::string& path, std::string* error) {
         }
         return -1;
     }
+    platform::SetDataFileMode(dataRoot, path);
     return fd;
 }
 
@@ -125,25 +126,30 @@ std::string DriverServer::PidFile() const {
 }
 
 int DriverServer::Open(std::string* error) {
-    std::error_code ignored;
-    std::filesystem::create_directories(platform::JoinPath(m_dataRoot, "run"), ignored);
+    platform::MakeRunDirectory(m_dataRoot);
     if (::pipe2(m_wake, O_CLOEXEC | O_NONBLOCK) != 0) {
         *error = "cannot create a pipe";
         return 1;
     }
-    m_deviceListener = Listen(DeviceSocket(), error);
+    m_deviceListener = Listen(m_dataRoot, DeviceSocket(), error);
     if (m_deviceListener < 0) {
         return 1;
     }
-    m_controlListener = Listen(ControlSocket(), error);
+    m_controlListener = Listen(m_dataRoot, ControlSocket(), error);
     if (m_controlListener < 0) {
         ::close(m_deviceListener);
         m_deviceListener = -1;
         ::unlink(DeviceSocket().c_str());
         return 1;
     }
-    std::ofstream(PidFile(), std::ios::trunc) << ::getpid() << "\n";
+    WritePidFile();
     return 0;
+}
+
+void DriverServer::WritePidFile() const {
+    // Readable by the administrators, written by the driver alone.
+    unsigned mode = platform::AccessOf(m_dataRoot).shared ? 0640 : 0600;
+    platform::WriteDataFile(m_dataRoot, PidFile(), std::to_string(::getpid()) + "\n", mode);
 }
 
 void DriverServer::SetScenario(std::vector<ScenarioStep> steps) {

@@ -31,6 +31,8 @@ class DriverServer {
     std::string DeviceSocket() const;
     std::string ControlSocket() const;
     std::string PidFile() const;
+    // Writes this process's id into the pid file (0640, or 0600 on a user's own data root).
+    void WritePidFile() const;
 
   private:
     struct Client {

@@ -157,7 +157,7 @@ int main(int argc, char** argv) {
             std::fputs("q-brix-driver: cannot detach\n", stderr);
             return 1;
         }
-        std::ofstream(server.PidFile(), std::ios::trunc) << ::getpid() << "\n";
+        server.WritePidFile();
         char ok = 0;
         [[maybe_unused]] ssize_t ignored = ::write(ready[1], &ok, 1);
         ::close(ready[1]);

@@ -18,6 +18,7 @@
 
 #include "platform/Mailslot.h"
 #include "platform/Platform.h"
+#include "platform/posix/PosixPlatform.h"
 
 namespace qbrix::platform {
 
@@ -172,9 +173,11 @@ HANDLE CreateMailslot(std::string_view name, DWORD maxMessageSize, DWORD readTim
         SetLastError(ERROR_FILENAME_EXCED_RANGE);
         return INVALID_HANDLE_VALUE;
     }
-    std::error_code ignored;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-    int lock = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    // Every program may reach the socket, but only root and the administrators may open the lock
+    // file that owns the name.
+    const std::string& root = Current().Info().dataRoot;
+    MakeDataDirectory(root, std::filesystem::path(path).parent_path().string());
+    int lock = OpenDataFile(root, path + ".lock", O_RDWR | O_CREAT);
     if (lock < 0) {
         SetLastError(errno == EACCES ? ERROR_ACCESS_DENIED : ERROR_PATH_NOT_FOUND);
         return INVALID_HANDLE_VALUE;
@@ -199,7 +202,7 @@ HANDLE CreateMailslot(std::string_view name, DWORD maxMessageSize, DWORD readTim
         SetLastError(error);
         return INVALID_HANDLE_VALUE;
     }
-    ::chmod(path.c_str(), 0666);  // writers run as other users too, as every program may
+    SetDataFileMode(root, path, 0666);  // writers run as other users too, as every program may
     SetLastError(ERROR_SUCCESS);
     return Current().Handles().Add(
         std::make_shared<MailslotReader>(socket, lock, path, maxMessageSize, readTimeoutMs));

@@ -11,6 +11,7 @@
 
 #include "platform/Kernel.h"
 #include "platform/Platform.h"
+#include "platform/posix/PosixPlatform.h"
 
 namespace qbrix::platform {
 
@@ -56,9 +57,11 @@ std::string LockPath(std::string_view name) {
 
 HANDLE CreateMutex(BOOL initialOwner, std::string_view name) {
     std::string path = LockPath(name);
-    std::error_code error;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
-    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    // Only root and the administrators may open the lock file (a read-only descriptor would do
+    // to take the lock), whatever the umask.
+    const std::string& root = Current().Info().dataRoot;
+    MakeDataDirectory(root, std::filesystem::path(path).parent_path().string());
+    int fd = OpenDataFile(root, path, O_RDWR | O_CREAT);
     if (fd < 0) {
         SetLastError(errno == EACCES ? ERROR_ACCESS_DENIED : ERROR_PATH_NOT_FOUND);
         return nullptr;

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -60,6 +61,135 @@ bool IsInstalledDataRoot(const std::string& root) {
     struct stat marker {};
     return ::stat(JoinPath(root, kInstalledMarker).c_str(), &marker) == 0 &&
            S_ISREG(marker.st_mode);
+}
+
+DataRootAccess AccessOf(const std::string& dataRoot) {
+    DataRootAccess access;
+    struct stat info {};
+    if (::stat(dataRoot.c_str(), &info) == 0) {
+        access.shared = info.st_uid == 0;
+        access.group = info.st_gid;
+    } else {
+        // Not made yet: it will be this process's.
+        access.shared = ::geteuid() == 0;
+        access.group = ::getegid();
+    }
+    return access;
+}
+
+namespace {
+
+// Gives a directory this process owns the data root's directory mode and group.
+void FixDirectory(const std::string& path, const DataRootAccess& access, bool passable) {
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid()) {
+        return;
+    }
+    if (access.shared && info.st_gid != access.group) {
+        [[maybe_unused]] int ignored =
+            ::lchown(path.c_str(), static_cast<uid_t>(-1), static_cast<gid_t>(access.group));
+    }
+    mode_t wanted = access.DirectoryMode(passable);
+    if ((info.st_mode & 07777) != wanted) {
+        ::chmod(path.c_str(), wanted);
+    }
+}
+
+}  // namespace
+
+bool MakeDataDirectory(const std::string& dataRoot, const std::string& directory) {
+    std::filesystem::path root = std::filesystem::path(dataRoot).lexically_normal();
+    std::filesystem::path target = std::filesystem::path(directory).lexically_normal();
+    std::error_code error;
+    if (!std::filesystem::is_directory(root, error)) {
+        // Its parents are made as any directory is; the data root itself is closed at once.
+        std::filesystem::create_directories(root.parent_path(), error);
+        if (::mkdir(root.c_str(), 0700) == 0) {
+            FixDirectory(root.string(), AccessOf(root.string()), false);
+        }
+    }
+    std::filesystem::path relative = target.lexically_relative(root);
+    if (relative.empty() || *relative.begin() == "..") {
+        // Not below the data root: made as any directory is.
+        std::filesystem::create_directories(target, error);
+        return std::filesystem::is_directory(target, error);
+    }
+    DataRootAccess access = AccessOf(root.string());
+    std::filesystem::path current = root;
+    std::filesystem::path below;
+    for (const std::filesystem::path& part : relative) {
+        if (part == ".") {
+            continue;
+        }
+        current /= part;
+        below /= part;
+        if (::mkdir(current.c_str(), 0700) != 0 && errno != EEXIST) {
+            return false;
+        }
+        // The way to the mailslot, which every program may write to.
+        bool passable = below == "run" || below == "run/mailslot";
+        FixDirectory(current.string(), access, passable);
+    }
+    return std::filesystem::is_directory(target, error);
+}
+
+std::string MakeRunDirectory(const std::string& dataRoot) {
+    std::string run = JoinPath(dataRoot, "run");
+    MakeDataDirectory(dataRoot, run);
+    return run;
+}
+
+int OpenDataFile(const std::string& dataRoot, const std::string& path, int flags, unsigned mode) {
+    DataRootAccess access = AccessOf(dataRoot);
+    mode_t wanted = mode != 0 ? mode : access.FileMode();
+    int fd = ::open(path.c_str(), flags | O_CLOEXEC, wanted);
+    if (fd < 0) {
+        return -1;
+    }
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid()) {
+        if (access.shared && info.st_gid != access.group) {
+            [[maybe_unused]] int ignored =
+                ::fchown(fd, static_cast<uid_t>(-1), static_cast<gid_t>(access.group));
+        }
+        if ((info.st_mode & 07777) != wanted) {
+            ::fchmod(fd, wanted);
+        }
+    }
+    return fd;
+}
+
+bool WriteDataFile(const std::string& dataRoot, const std::string& path, std::string_view text,
+                   unsigned mode) {
+    int fd = OpenDataFile(dataRoot, path, O_WRONLY | O_CREAT | O_TRUNC, mode);
+    if (fd < 0) {
+        return false;
+    }
+    bool written = true;
+    while (written && !text.empty()) {
+        ssize_t count = ::write(fd, text.data(), text.size());
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        written = count > 0;
+        if (written) {
+            text.remove_prefix(static_cast<std::size_t>(count));
+        }
+    }
+    return ::close(fd) == 0 && written;
+}
+
+void SetDataFileMode(const std::string& dataRoot, const std::string& path, unsigned mode) {
+    DataRootAccess access = AccessOf(dataRoot);
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0 || S_ISLNK(info.st_mode) || info.st_uid != ::geteuid()) {
+        return;
+    }
+    if (access.shared && info.st_gid != access.group) {
+        [[maybe_unused]] int ignored =
+            ::lchown(path.c_str(), static_cast<uid_t>(-1), static_cast<gid_t>(access.group));
+    }
+    ::chmod(path.c_str(), mode != 0 ? mode : access.FileMode());
 }
 
 namespace {

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "platform/Platform.h"
 
@@ -34,6 +35,47 @@ std::string DefaultDataRoot();
 
 // True when `root` carries the install marker.
 bool IsInstalledDataRoot(const std::string& root);
+
+// What the platform makes in a data root (run files, locks, sockets, the store, the emulated
+// Windows directory) gets modes of its own, whatever the process's umask. A data root owned by
+// root (the machine's, or any other that root made) is shared with its group: files 0660 and
+// directories 2770, in the data root's group; any other data root is its owner's alone: files
+// 0600, directories 0700. Other users get nothing, except passage through the directories on the
+// way to the mailslot, which every local program may write to.
+struct DataRootAccess {
+    bool shared = false;
+    unsigned group = 0;  // the data root's group, when shared
+
+    unsigned FileMode() const { return shared ? 0660 : 0600; }
+    unsigned DirectoryMode(bool passable) const {
+        return (shared ? 02770 : 0700) | (passable ? 0001 : 0);
+    }
+};
+DataRootAccess AccessOf(const std::string& dataRoot);
+
+// Creates `directory` (the data root or a directory in it) and the missing directories between
+// with the data root's directory mode ("run" and "run/mailslot" passable); a directory below the
+// data root that this process owns gets that mode back when it has another. The data root
+// itself, when it exists, is left as it is. True when `directory` exists afterwards.
+bool MakeDataDirectory(const std::string& dataRoot, const std::string& directory);
+
+// The data root's "run" directory, made as above.
+std::string MakeRunDirectory(const std::string& dataRoot);
+
+// open(2) of a file in the data root, creating it with `mode` (0: the data root's file mode).
+// A file this process owns gets that mode and the data root's group whatever the umask, also
+// when it existed; -1 with errno on failure.
+int OpenDataFile(const std::string& dataRoot, const std::string& path, int flags,
+                 unsigned mode = 0);
+
+// Replaces the content of a file in the data root with `text`, the file opened as above. True
+// when all was written.
+bool WriteDataFile(const std::string& dataRoot, const std::string& path, std::string_view text,
+                   unsigned mode = 0);
+
+// Gives `path` (a socket just bound) `mode` (0: the data root's file mode) and, when shared, the
+// data root's group.
+void SetDataFileMode(const std::string& dataRoot, const std::string& path, unsigned mode = 0);
 
 // The install command's part (run as root): the machine's root, with everything already in it,
 // belongs to root and to the administrator groups (sudo, admin, wheel, whichever exist: the first

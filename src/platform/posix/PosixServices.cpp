@@ -16,6 +16,7 @@
 #include "platform/SystemFiles.h"
 #include "platform/Text.h"
 #include "platform/posix/DriverProcess.h"
+#include "platform/posix/PosixPlatform.h"
 
 namespace qbrix::platform {
 
@@ -152,8 +153,7 @@ void SeedSystem() {
 
 std::string PidFile(std::string_view name) {
     std::string dir = JoinPath(Current().RunDirectory(), "services");
-    std::error_code ignored;
-    std::filesystem::create_directories(dir, ignored);
+    MakeDataDirectory(Current().Info().dataRoot, dir);
     return JoinPath(dir, ToUpperAscii(name) + ".pid");
 }
 
@@ -350,7 +350,7 @@ BOOL StartService(SC_HANDLE handle, DWORD, const char**) {
     if (pid < 0) {
         return Fail(error);
     }
-    std::ofstream(PidFile(service->m_name), std::ios::trunc) << pid << "\n";
+    WriteDataFile(Current().Info().dataRoot, PidFile(service->m_name), std::to_string(pid) + "\n");
     SetLastError(ERROR_SUCCESS);
     return 1;
 }

@@ -12,15 +12,23 @@
 #include "platform/Platform.h"
 #include "platform/SystemFiles.h"
 #include "platform/Text.h"
+#include "platform/posix/PosixPlatform.h"
 
 namespace qbrix::platform {
 
 namespace {
 
 std::string EnsureDirectory(std::string path) {
-    std::error_code ignored;
-    std::filesystem::create_directories(path, ignored);
+    MakeDataDirectory(Current().Info().dataRoot, path);
     return path;
+}
+
+// True for a path in the data root (the emulated Windows directory's files).
+bool InDataRoot(const std::string& path) {
+    std::filesystem::path relative =
+        std::filesystem::path(path).lexically_normal().lexically_relative(
+            std::filesystem::path(Current().Info().dataRoot).lexically_normal());
+    return !relative.empty() && *relative.begin() != "..";
 }
 
 std::string ProfilePath(std::string_view fileName) {
@@ -188,9 +196,15 @@ BOOL WritePrivateProfileString(const char* section, const char* key, const char*
     for (const std::string& line : lines) {
         text << line << "\r\n";
     }
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text.str();
-    if (!out.flush()) {
+    bool written;
+    if (InDataRoot(path)) {
+        written = WriteDataFile(Current().Info().dataRoot, path, text.str());
+    } else {
+        std::ofstream out(path, std::ios::binary | std::ios::trunc);
+        out << text.str();
+        written = static_cast<bool>(out.flush());
+    }
+    if (!written) {
         SetLastError(ERROR_ACCESS_DENIED);
         return 0;
     }

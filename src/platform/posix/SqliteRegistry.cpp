@@ -1,6 +1,8 @@
 #include "platform/posix/SqliteRegistry.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstring>
@@ -10,10 +12,23 @@
 #include <vector>
 
 #include "platform/Text.h"
+#include "platform/posix/PosixPlatform.h"
 
 namespace qbrix::platform {
 
 namespace {
+
+void CreateStoreFile(const std::string& path) {
+    // A new store gets the data root's file mode whatever the umask; SQLite gives its -wal and
+    // -shm files the store's mode. An existing store keeps the mode it has.
+    std::string root = std::filesystem::path(path).parent_path().string();
+    root = root.empty() ? "." : root;
+    MakeDataDirectory(root, root);
+    int fd = OpenDataFile(root, path, O_RDWR | O_CREAT | O_EXCL);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
 
 constexpr std::int64_t kLocalMachineId = 1;
 constexpr std::int64_t kClassesRootId = 2;
@@ -291,8 +306,7 @@ LONG SqliteRegistry::EnsureOpen() {
     if (m_db != nullptr) {
         return ERROR_SUCCESS;
     }
-    std::error_code ignored;
-    std::filesystem::create_directories(std::filesystem::path(m_path).parent_path(), ignored);
+    CreateStoreFile(m_path);
     m_readOnly = false;
     int rc = sqlite3_open_v2(m_path.c_str(), &m_db,
                              SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
