@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 
 #include "platform/Platform.h"
 #include "platform/SystemFiles.h"
@@ -106,18 +109,35 @@ TEST(MachineDataRootTest, InstallSharesItWithTheAdministratorsOnlyAndDeinstallUn
     const gid_t administrators = sudo->gr_gid;
     test::TempDirectory dir;
     const std::string root = dir.File("machine");
-    std::filesystem::create_directories(root + "/run");
+    std::filesystem::create_directories(root + "/run/mailslot");
+    std::filesystem::create_directories(root + "/run/mutex");
     std::ofstream(root + "/registry.db") << "";
     ::chmod((root + "/registry.db").c_str(), 0606);
     ASSERT_EQ(ShareMachineDataRoot(root), 0);
     EXPECT_TRUE(IsInstalledDataRoot(root));
-    for (const char* path : {"", "/run", "/registry.db"}) {
+    // Group and others' bits: others only pass through to the mailslot.
+    const std::pair<const char*, unsigned> kModes[] = {
+        {"", 0071},           {"/run", 0071},         {"/run/mailslot", 0071},
+        {"/run/mutex", 0070}, {"/registry.db", 0060}, {"/installed", 0040}};
+    for (const auto& [path, mode] : kModes) {
         struct stat info {};
         ASSERT_EQ(::stat((root + path).c_str(), &info), 0) << path;
         EXPECT_EQ(info.st_uid, 0u) << path;
         EXPECT_EQ(info.st_gid, administrators) << path;
-        EXPECT_EQ(info.st_mode & 0070, S_ISDIR(info.st_mode) ? 0070u : 0060u) << path;
-        EXPECT_EQ(info.st_mode & 0007, 0u) << path;
+        EXPECT_EQ(info.st_mode & 0077, mode) << path;
+    }
+    // Another user may pass through the root but does not take it for the installed one.
+    if (const passwd* nobody = ::getpwnam("nobody"); nobody != nullptr) {
+        ::chmod(dir.Path().c_str(), 0711);
+        pid_t child = ::fork();
+        if (child == 0) {
+            bool sawIt = ::setgroups(0, nullptr) != 0 || ::setgid(nobody->pw_gid) != 0 ||
+                         ::setuid(nobody->pw_uid) != 0 || IsInstalledDataRoot(root);
+            ::_exit(sawIt ? 1 : 0);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
     UnshareMachineDataRoot(root);
     EXPECT_FALSE(IsInstalledDataRoot(root));

@@ -58,9 +58,10 @@ std::string DefaultDataRoot() {
 }
 
 bool IsInstalledDataRoot(const std::string& root) {
-    struct stat marker {};
-    return ::stat(JoinPath(root, kInstalledMarker).c_str(), &marker) == 0 &&
-           S_ISREG(marker.st_mode);
+    const std::string marker = JoinPath(root, kInstalledMarker);
+    struct stat info {};
+    return ::stat(marker.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+           ::faccessat(AT_FDCWD, marker.c_str(), R_OK, AT_EACCESS) == 0;
 }
 
 DataRootAccess AccessOf(const std::string& dataRoot) {
@@ -198,9 +199,10 @@ namespace {
 // control list (and, for a directory, as its default list, so what is made in it inherits them).
 // A file system without access control lists leaves those groups out.
 void GrantGroups(const std::filesystem::path& path, const std::vector<gid_t>& groups,
-                 bool directory) {
+                 bool directory, bool passable) {
     std::string rights = directory ? "rwx" : "rw-";
-    std::string text = "u::" + rights + ",g::" + rights + ",o::---,m::" + rights;
+    std::string text =
+        "u::" + rights + ",g::" + rights + ",o::" + (passable ? "--x" : "---") + ",m::" + rights;
     for (gid_t gid : groups) {
         text += ",g:" + std::to_string(gid) + ":" + rights;
     }
@@ -230,7 +232,9 @@ std::vector<gid_t> AdministratorGroups() {
 // Root and the first group own it; the other groups get the same rights through an access
 // control list (also the default one of a directory, so what is made in it inherits them).
 // Sockets and the store are files like the others: group read and write, nothing for others.
-int Share(const std::filesystem::path& path, const std::vector<gid_t>& groups) {
+// Other users may only pass through the directories on the way to the mailslot, which every
+// local program may write to.
+int Share(const std::filesystem::path& path, const std::vector<gid_t>& groups, bool passable) {
     struct stat info {};
     if (::lstat(path.c_str(), &info) != 0 || S_ISLNK(info.st_mode)) {
         return 0;
@@ -238,7 +242,8 @@ int Share(const std::filesystem::path& path, const std::vector<gid_t>& groups) {
     bool directory = S_ISDIR(info.st_mode);
     gid_t owner = groups.empty() ? 0 : groups.front();
     if (::lchown(path.c_str(), 0, owner) != 0 ||
-        ::chmod(path.c_str(), directory ? 02770 : (info.st_mode & 0110) | 0660) != 0) {
+        ::chmod(path.c_str(),
+                directory ? 02770 | (passable ? 0001 : 0) : (info.st_mode & 0110) | 0660) != 0) {
         return 1;
     }
     std::vector<gid_t> others;
@@ -250,7 +255,7 @@ int Share(const std::filesystem::path& path, const std::vector<gid_t>& groups) {
     std::sort(others.begin(), others.end());
     others.erase(std::unique(others.begin(), others.end()), others.end());
     if (!others.empty()) {
-        GrantGroups(path, others, directory);
+        GrantGroups(path, others, directory, directory && passable);
     }
     return 0;
 }
@@ -261,18 +266,28 @@ int ShareMachineDataRoot(const std::string& root) {
     std::error_code error;
     std::filesystem::create_directories(root, error);
     std::vector<gid_t> groups = AdministratorGroups();
-    int failed = Share(root, groups);
-    for (auto it = std::filesystem::recursive_directory_iterator(root, error);
+    const std::filesystem::path base = std::filesystem::path(root).lexically_normal();
+    auto passable = [&base](const std::filesystem::path& path) {
+        std::filesystem::path relative = path.lexically_normal().lexically_relative(base);
+        return relative == "." || relative == "run" || relative == "run/mailslot";
+    };
+    int failed = Share(base, groups, true);
+    for (auto it = std::filesystem::recursive_directory_iterator(base, error);
          !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
-        failed |= Share(it->path(), groups);
+        failed |= Share(it->path(), groups, passable(it->path()));
     }
+    // Readable by root and the administrators only: the others, who may pass through the root on
+    // their way to the mailslot, do not take it for theirs.
     std::string marker = JoinPath(root, kInstalledMarker);
-    int fd = ::open(marker.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    int fd = ::open(marker.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640);
     if (fd < 0) {
         return 1;
     }
     ::close(fd);
-    ::chmod(marker.c_str(), 0644);
+    gid_t owner = groups.empty() ? 0 : groups.front();
+    if (::chown(marker.c_str(), 0, owner) != 0 || ::chmod(marker.c_str(), 0640) != 0) {
+        failed = 1;
+    }
     return failed != 0 || error ? 1 : 0;
 }
 

@@ -24,8 +24,7 @@ struct DataRootFacts {
 };
 
 // $QBRIX_ROOT when set; otherwise the machine's root for root, and for every other user who can
-// see its install marker (the machine's root is closed to all but root and the administrator
-// groups); otherwise the user's own root, $XDG_STATE_HOME/q-brix (default
+// read its install marker (only root and the administrator groups can); otherwise the user's own root, $XDG_STATE_HOME/q-brix (default
 // ~/.local/state/q-brix), as for a build that was never installed.
 std::string ChooseDataRoot(const DataRootFacts& facts);
 
@@ -33,7 +32,7 @@ std::string ChooseDataRoot(const DataRootFacts& facts);
 // made group-writable and closed to others (umask 007), so that every administrator can use it.
 std::string DefaultDataRoot();
 
-// True when `root` carries the install marker.
+// True when `root` carries an install marker this process may read.
 bool IsInstalledDataRoot(const std::string& root);
 
 // What the platform makes in a data root (run files, locks, sockets, the store, the emulated
@@ -80,7 +79,9 @@ void SetDataFileMode(const std::string& dataRoot, const std::string& path, unsig
 // The install command's part (run as root): the machine's root, with everything already in it,
 // belongs to root and to the administrator groups (sudo, admin, wheel, whichever exist: the first
 // as the owning group, set-group-id on directories, the others through access control lists),
-// writable by them and closed to other users; then the install marker is written. 0 on success.
+// writable by them and closed to other users, who may only pass through the root, "run" and
+// "run/mailslot" on their way to the mailslot; then the install marker is written, readable by
+// the administrators only. 0 on success.
 int ShareMachineDataRoot(const std::string& root);
 // The deinstall command's part: the install marker goes, so administrators fall back to roots of
 // their own.
