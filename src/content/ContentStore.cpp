@@ -164,8 +164,7 @@ LONG LoadContentRules(std::string_view rulesKey, RuleList& list) {
     return 0;
 }
 
-LONG SaveContentRules(std::string_view rulesKey, RuleList& list, std::string_view /*protocolKey*/,
-                      std::string_view /*rulesSubkey*/) {
+LONG SaveContentRules(std::string_view rulesKey, RuleList& list) {
     for (std::size_t index = 0; index < list.Size(); ++index) {
         if (!RuleStoreProblem(list.At(index)).empty()) {
             return static_cast<LONG>(platform::ERROR_INVALID_PARAMETER);

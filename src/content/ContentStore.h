@@ -31,7 +31,6 @@ platform::LONG LoadContentRules(std::string_view rulesKey, RuleList& list);
 // rules), then every rule is written. All of it or nothing reaches the store; 0 or the error.
 // A rule that cannot be stored (RuleStoreProblem) fails the save with ERROR_INVALID_PARAMETER
 // before anything is written.
-platform::LONG SaveContentRules(std::string_view rulesKey, RuleList& list,
-                                std::string_view protocolKey, std::string_view rulesSubkey);
+platform::LONG SaveContentRules(std::string_view rulesKey, RuleList& list);
 
 }  // namespace qbrix::content

@@ -81,8 +81,7 @@ platform::LONG SaveAllContent(LspSettings& settings) {
     }
     for (std::size_t row = 0; row < kProtocolCount; ++row) {
         const ProtocolRow& protocol = kProtocolTable[row];
-        platform::LONG rc = SaveContentRules(protocol.rulesKey, OptionsOf(settings, row).rules,
-                                             protocol.protocolKey, protocol.rulesSubkey);
+        platform::LONG rc = SaveContentRules(protocol.rulesKey, OptionsOf(settings, row).rules);
         if (rc != 0) {
             return rc;
         }

@@ -43,7 +43,7 @@ std::unique_ptr<ContentRule> Rule(std::string name, std::vector<RegRule> subs = 
 }
 
 platform::LONG Save(RuleList& list) {
-    return SaveContentRules(Http().rulesKey, list, Http().protocolKey, Http().rulesSubkey);
+    return SaveContentRules(Http().rulesKey, list);
 }
 
 std::vector<std::string> Subkeys(const std::string& suffix) {

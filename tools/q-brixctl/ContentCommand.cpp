@@ -121,8 +121,7 @@ int Modify(std::size_t row, std::ostream& err, Change change) {
         return status;
     }
     const ProtocolRow& protocol = kProtocolTable[row];
-    platform::LONG rc =
-        SaveContentRules(protocol.rulesKey, list, protocol.protocolKey, protocol.rulesSubkey);
+    platform::LONG rc = SaveContentRules(protocol.rulesKey, list);
     if (rc == 0) {
         rc = transaction.Commit();
     }
