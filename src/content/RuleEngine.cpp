@@ -102,7 +102,6 @@ class Budget {
     std::chrono::milliseconds Left() const {
         return std::chrono::milliseconds(m_deadline - CoarseNowMs());
     }
-    bool Stopped() const { return !m_reason.empty(); }
     const std::string& Reason() const { return m_reason; }
     // The first reason stays.
     void Stop(std::string reason) {
@@ -187,16 +186,16 @@ int SearchInChild(const RulePattern& pattern, const char* data, std::size_t leng
             outOfTime = true;
             break;
         }
-        ssize_t read_ =
+        ssize_t bytes =
             events < 0 ? -1
                        : read(fds[0], reinterpret_cast<char*>(&answer) + got, sizeof(answer) - got);
-        if (read_ < 0 && errno == EINTR) {
+        if (bytes < 0 && errno == EINTR) {
             continue;
         }
-        if (read_ <= 0) {
+        if (bytes <= 0) {
             break;
         }
-        got += static_cast<std::size_t>(read_);
+        got += static_cast<std::size_t>(bytes);
     }
     close(fds[0]);
     if (got < sizeof(answer)) {
