@@ -2,8 +2,11 @@
 
 #include <fcntl.h>
 #include <locale.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +14,7 @@
 #include <climits>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <unordered_map>
 
 #include "content/TestLog.h"
@@ -67,16 +71,168 @@ std::size_t Capped(std::size_t length) {
     return std::min<std::size_t>(length, INT_MAX);
 }
 
+// Outcomes of one search.
+constexpr int kSearchFound = 0;
+constexpr int kSearchMissed = 1;
+constexpr int kSearchStopped = 2;  // out of the run's budget; the reason is in the Budget
+
+std::string DurationText(std::chrono::milliseconds time) {
+    if (time.count() % 1000 == 0) {
+        std::int64_t seconds = time.count() / 1000;
+        return std::to_string(seconds) + (seconds == 1 ? " second" : " seconds");
+    }
+    return std::to_string(time.count()) + " ms";
+}
+
+// Milliseconds of the coarse monotonic clock: read on every pass of a run, and a few
+// milliseconds of resolution are plenty for a budget of seconds, at a fraction of the cost.
+std::int64_t CoarseNowMs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// One run's limits as it goes: its deadline and, once it stopped, why.
+class Budget {
+  public:
+    explicit Budget(const RunLimits& limits)
+        : m_limits(limits), m_deadline(CoarseNowMs() + limits.time.count()) {}
+
+    const RunLimits& Limits() const { return m_limits; }
+    std::chrono::milliseconds Left() const {
+        return std::chrono::milliseconds(m_deadline - CoarseNowMs());
+    }
+    const std::string& Reason() const { return m_reason; }
+    // The first reason stays.
+    void Stop(std::string reason) {
+        if (m_reason.empty()) {
+            m_reason = std::move(reason);
+        }
+    }
+    std::string TimeText() const { return DurationText(m_limits.time); }
+
+  private:
+    RunLimits m_limits;
+    std::int64_t m_deadline;  // CoarseNowMs
+    std::string m_reason;
+};
+
+// What a search with a back-reference may take in its child besides the time left.
+constexpr std::uint64_t kSearchMemoryBudget = std::uint64_t{512} << 20;
+
+void KeepOnlyDescriptor(int fd);
+void LimitChild(rlim_t cpuSeconds, std::uint64_t memoryBudget);
+
+// What the searching child sends back: the library's code and the match slots.
+struct SearchAnswer {
+    int code;
+    regmatch_t slots[kMatchSlots];
+};
+
+// glibc matches back-references by backtracking, at a cost it does not bound ("(.+)(.+)\2\1z"
+// takes 13 s on 200 bytes; more groups are worse still, even on a few dozen bytes) and cannot be
+// interrupted: such a search runs in a forked child, which has the run's time left (then it is
+// killed) and 512 MB more memory than it inherited. The child searches the very same compiled
+// expression and text, so when it finishes its answer is the one the process would have found.
+int SearchInChild(const RulePattern& pattern, const char* data, std::size_t length,
+                  regmatch_t (&slots)[kMatchSlots], Budget& budget) {
+    const std::string late = "a search with a back-reference ran longer than " + budget.TimeText();
+    std::chrono::milliseconds left = budget.Left();
+    if (left.count() <= 0) {
+        budget.Stop(late);
+        return kSearchStopped;
+    }
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        budget.Stop("no process could be started for a search with a back-reference");
+        return kSearchStopped;
+    }
+    pid_t child = fork();
+    if (child < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        budget.Stop("no process could be started for a search with a back-reference");
+        return kSearchStopped;
+    }
+    if (child == 0) {
+        KeepOnlyDescriptor(fds[1]);
+        LimitChild(static_cast<rlim_t>(left.count() / 1000 + 1), kSearchMemoryBudget);
+        SearchAnswer answer{};
+        std::memcpy(answer.slots, slots, sizeof(answer.slots));
+        {
+            ScopedByteLocale byteLocale;
+            answer.code = regexec(pattern.Regex(), length == 0 ? "" : data, kMatchSlots,
+                                  answer.slots, REG_STARTEND);
+        }
+        _exit(write(fds[1], &answer, sizeof(answer)) == sizeof(answer) ? 0 : 1);
+    }
+    close(fds[1]);
+    SearchAnswer answer{};
+    std::size_t got = 0;
+    bool outOfTime = false;
+    while (got < sizeof(answer)) {
+        std::chrono::milliseconds wait = budget.Left();
+        if (wait.count() <= 0) {
+            outOfTime = true;
+            break;
+        }
+        pollfd ready{fds[0], POLLIN, 0};
+        int events =
+            poll(&ready, 1, static_cast<int>(std::min<std::int64_t>(wait.count(), INT_MAX)));
+        if (events < 0 && errno == EINTR) {
+            continue;
+        }
+        if (events == 0) {
+            outOfTime = true;
+            break;
+        }
+        ssize_t bytes =
+            events < 0 ? -1
+                       : read(fds[0], reinterpret_cast<char*>(&answer) + got, sizeof(answer) - got);
+        if (bytes < 0 && errno == EINTR) {
+            continue;
+        }
+        if (bytes <= 0) {
+            break;
+        }
+        got += static_cast<std::size_t>(bytes);
+    }
+    close(fds[0]);
+    if (got < sizeof(answer)) {
+        kill(child, SIGKILL);
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (got < sizeof(answer)) {
+        outOfTime = outOfTime || (WIFSIGNALED(status) && WTERMSIG(status) == SIGXCPU);
+        budget.Stop(outOfTime ? late : "a search with a back-reference failed (out of memory?)");
+        return kSearchStopped;
+    }
+    if (answer.code == REG_ESPACE) {
+        budget.Stop("a search with a back-reference needed more than 512 MB");
+        return kSearchStopped;
+    }
+    std::memcpy(slots, answer.slots, sizeof(answer.slots));
+    return answer.code == 0 ? kSearchFound : kSearchMissed;
+}
+
 // Searches data[0, length) as a whole text ("^" at data, "$" at data + length) without needing
 // a terminator there, so the main loop can search the rest of a text in place.
 int RunSearch(const RulePattern& pattern, const char* data, std::size_t length,
-              regmatch_t (&slots)[kMatchSlots]) {
+              regmatch_t (&slots)[kMatchSlots], Budget& budget) {
     static const char kEmpty[] = "";
     std::memset(slots, 0, sizeof(slots));
     slots[0].rm_so = 0;
     slots[0].rm_eo = static_cast<regoff_t>(length);
+    if (pattern.HasBackReferences()) {
+        return SearchInChild(pattern, data, length, slots, budget);
+    }
     ScopedByteLocale byteLocale;
-    return regexec(pattern.Regex(), length == 0 ? kEmpty : data, kMatchSlots, slots, REG_STARTEND);
+    return regexec(pattern.Regex(), length == 0 ? kEmpty : data, kMatchSlots, slots,
+                   REG_STARTEND) == 0
+               ? kSearchFound
+               : kSearchMissed;
 }
 
 // The range of the pattern's last group (the whole match without groups).
@@ -84,21 +240,21 @@ int TakeLastGroup(const RulePattern& pattern, const regmatch_t (&slots)[kMatchSl
                   std::int32_t& start, std::int32_t& end) {
     const regmatch_t& slot = slots[pattern.GroupCount()];
     if (slot.rm_so == -1 || slot.rm_eo == -1) {
-        return 1;
+        return kSearchMissed;
     }
     start = static_cast<std::int32_t>(slot.rm_so);
     end = static_cast<std::int32_t>(slot.rm_eo);
-    return 0;
+    return kSearchFound;
 }
 
 int SearchBytes(const RulePattern& pattern, const char* data, std::size_t length,
-                std::int32_t& start, std::int32_t& end) {
+                std::int32_t& start, std::int32_t& end, Budget& budget) {
     if (!pattern.IsCompiled()) {
-        return 1;
+        return kSearchMissed;
     }
     regmatch_t slots[kMatchSlots];
-    if (RunSearch(pattern, data, length, slots) != 0) {
-        return 1;
+    if (int searched = RunSearch(pattern, data, length, slots, budget); searched != kSearchFound) {
+        return searched;
     }
     return TakeLastGroup(pattern, slots, start, end);
 }
@@ -107,17 +263,18 @@ int SearchBytes(const RulePattern& pattern, const char* data, std::size_t length
 // An expression that cannot look past its match is first run over everything: when no zero
 // byte lies before the match it found, the limited search gives the same match, and the zero
 // byte is only looked for up to there. Otherwise the limit is found first.
+// (An expression with a back-reference is limited first: each of its searches costs a child.)
 int SearchUpToZero(const RulePattern& pattern, std::string_view text, std::size_t offset,
-                   ZeroScan& zeros, std::int32_t& start, std::int32_t& end) {
+                   ZeroScan& zeros, std::int32_t& start, std::int32_t& end, Budget& budget) {
     if (!pattern.IsCompiled()) {
-        return 1;
+        return kSearchMissed;
     }
     const char* data = text.data() + offset;
     std::size_t length = Capped(text.size() - offset);
-    if (!pattern.LooksPastMatchEnd()) {
+    if (!pattern.LooksPastMatchEnd() && !pattern.HasBackReferences()) {
         regmatch_t slots[kMatchSlots];
-        if (RunSearch(pattern, data, length, slots) != 0) {
-            return 1;
+        if (RunSearch(pattern, data, length, slots, budget) != kSearchFound) {
+            return kSearchMissed;
         }
         auto wholeEnd = static_cast<std::size_t>(slots[0].rm_eo);
         if (std::memchr(data, 0, wholeEnd) == nullptr) {
@@ -125,7 +282,7 @@ int SearchUpToZero(const RulePattern& pattern, std::string_view text, std::size_
         }
     }
     length = Capped(zeros.FirstFrom(offset) - offset);
-    return SearchBytes(pattern, data, length, start, end);
+    return SearchBytes(pattern, data, length, start, end, budget);
 }
 
 // The library builds a repeated part once per repetition ("x+" holds x twice, "x{1,50}" fifty
@@ -254,20 +411,30 @@ std::uint64_t DataSegmentBytes() {
 
 // In the child: the budget as resource limits (the data limit counts from what the child
 // inherited), and no core file when a limit ends it.
-void LimitMeasuringChild() {
+void LimitChild(rlim_t cpuSeconds, std::uint64_t memoryBudget) {
     rlimit none{0, 0};
     setrlimit(RLIMIT_CORE, &none);
-    rlimit cpu{kCompileSeconds, kCompileSeconds + 1};
+    rlimit cpu{cpuSeconds, cpuSeconds + 1};
     setrlimit(RLIMIT_CPU, &cpu);
     rlimit data{};
     if (getrlimit(RLIMIT_DATA, &data) == 0) {
-        std::uint64_t limit = DataSegmentBytes() + kCompileMemoryBudget;
+        std::uint64_t limit = DataSegmentBytes() + memoryBudget;
         if (data.rlim_max == RLIM_INFINITY || limit < data.rlim_max) {
             data.rlim_cur = static_cast<rlim_t>(limit);
             data.rlim_max = static_cast<rlim_t>(limit);
             setrlimit(RLIMIT_DATA, &data);
         }
     }
+}
+
+// In a child: only `fd` (its end of the answer pipe) and the standard streams stay open, so no
+// socket, lock or file of the program stays open in it while it works.
+void KeepOnlyDescriptor(int fd) {
+    const auto answer = static_cast<unsigned>(fd);
+    if (answer > 3) {
+        close_range(3, answer - 1, 0);
+    }
+    close_range(answer + 1, ~0u, 0);
 }
 
 constexpr int kNotMeasured = -1;
@@ -287,14 +454,8 @@ int MeasureCompile(const std::string& expression) {
         return kNotMeasured;
     }
     if (child == 0) {
-        // The child keeps only its end of the pipe, so no socket, lock or file of the program
-        // stays open in it while it compiles.
-        const auto answer = static_cast<unsigned>(fds[1]);
-        if (answer > 3) {
-            close_range(3, answer - 1, 0);
-        }
-        close_range(answer + 1, ~0u, 0);
-        LimitMeasuringChild();
+        KeepOnlyDescriptor(fds[1]);
+        LimitChild(kCompileSeconds, kCompileMemoryBudget);
         regex_t regex;
         int rc;
         {
@@ -358,6 +519,38 @@ bool LooksPastMatchEnd(std::string_view expression) {
     return false;
 }
 
+// Whether the expression holds a back-reference ("\1" to "\9" outside bracket lists; a false
+// alarm only costs speed).
+bool HasBackReferences(std::string_view expression) {
+    for (std::size_t i = 0; i < expression.size(); ++i) {
+        if (expression[i] == '[') {
+            // A bracket list is one atom: skip to its closing bracket, as the estimate does.
+            std::size_t j = i + 1;
+            if (j < expression.size() && expression[j] == '^')
+                ++j;
+            if (j < expression.size() && expression[j] == ']')
+                ++j;
+            while (j < expression.size() && expression[j] != ']') {
+                if (expression[j] == '[' && j + 1 < expression.size() &&
+                    (expression[j + 1] == ':' || expression[j + 1] == '.' ||
+                     expression[j + 1] == '=')) {
+                    std::size_t close = expression.find(']', j + 2);
+                    j = close == std::string_view::npos ? expression.size() : close + 1;
+                } else {
+                    ++j;
+                }
+            }
+            i = j;
+        } else if (expression[i] == '\\' && i + 1 < expression.size()) {
+            if (expression[i + 1] >= '1' && expression[i + 1] <= '9') {
+                return true;
+            }
+            ++i;
+        }
+    }
+    return false;
+}
+
 struct UnitRun {
     int result = kUnitNotFound;
     std::int32_t start = 0;
@@ -369,7 +562,7 @@ struct UnitRun {
 // log. The piece itself is not changed: the caller applies the replacement, so the main loop can
 // build its output once instead of copying the rest of the text on every pass.
 UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view text, std::size_t offset,
-                ZeroScan& zeros) {
+                ZeroScan& zeros, Budget& budget) {
     std::string_view piece = text.substr(offset);
     std::string& log = TestLog();
     UnitRun run;
@@ -378,7 +571,14 @@ UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view text, std::size_t o
         run.result = kUnitSkipped;
         return run;
     }
-    if (SearchUpToZero(unit.findPattern, text, offset, zeros, run.start, run.end) != 0) {
+    int searched =
+        SearchUpToZero(unit.findPattern, text, offset, zeros, run.start, run.end, budget);
+    if (searched == kSearchStopped) {
+        log.append("\r\n  stopped (").append(budget.Reason()).append(") :").append(unit.comment);
+        run.result = kUnitStopped;
+        return run;
+    }
+    if (searched != kSearchFound) {
         if (unit.replaceSwitch != 0 && unit.rawReplacement.empty()) {
             log.append("\r\n  ignored: ").append(unit.comment);
             run.start = 0;
@@ -404,8 +604,14 @@ UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view text, std::size_t o
         std::int32_t compareStart = 0;
         std::int32_t compareEnd = 0;
         ZeroScan foundZeros(found);
-        if (SearchUpToZero(unit.comparePattern, found, 0, foundZeros, compareStart, compareEnd) ==
-            0) {
+        int compared = SearchUpToZero(unit.comparePattern, found, 0, foundZeros, compareStart,
+                                      compareEnd, budget);
+        if (compared == kSearchStopped) {
+            log.append("stopped (").append(budget.Reason()).append(") :").append(unit.comment);
+            run.result = kUnitStopped;
+            return run;
+        }
+        if (compared == kSearchFound) {
             log.append("-compared ");
         } else {
             outcome = kUnitNotFound;
@@ -524,6 +730,7 @@ int CompilePattern(RulePattern& pattern, std::string_view text) {
     }
     pattern.SetCompiled(true);
     pattern.SetLooksPastMatchEnd(LooksPastMatchEnd(expanded));
+    pattern.SetHasBackReferences(HasBackReferences(expanded));
     if (pattern.GroupCount() >= kMatchSlots) {
         // The last group's slot would lie outside the match slots.
         pattern.Free();
@@ -535,13 +742,16 @@ int CompilePattern(RulePattern& pattern, std::string_view text) {
 int SearchPattern(const RulePattern& pattern, std::string_view text, std::int32_t& start,
                   std::int32_t& end) {
     ZeroScan zeros(text);
-    return SearchUpToZero(pattern, text, 0, zeros, start, end);
+    Budget budget{RunLimits{}};
+    return SearchUpToZero(pattern, text, 0, zeros, start, end, budget);
 }
 
-int ApplyRegRule(const RegRuleMatcher& unit, std::string& text, std::string& found,
-                 std::int32_t& start, std::int32_t& end) {
+namespace {
+
+int ApplyUnit(const RegRuleMatcher& unit, std::string& text, std::string& found,
+              std::int32_t& start, std::int32_t& end, Budget& budget) {
     ZeroScan zeros(text);
-    UnitRun run = RunUnit(unit, text, 0, zeros);
+    UnitRun run = RunUnit(unit, text, 0, zeros, budget);
     if (!run.positioned) {
         return run.result;
     }
@@ -559,13 +769,47 @@ int ApplyRegRule(const RegRuleMatcher& unit, std::string& text, std::string& fou
     return run.result;
 }
 
-int ApplyContentRule(const ContentRule& rule, std::string& text) {
+// The end of a stopped rule run: the caller's text as it was given, and the verdict line.
+int StopRule(const ContentRule& rule, std::string& text, std::optional<std::string>& original,
+             const Budget& budget, std::string* stopReason) {
+    if (original) {
+        text.swap(*original);
+    }
+    TestLog()
+        .append("\r\n\r\n -- stopped (")
+        .append(budget.Reason())
+        .append("), the text is left unchanged :")
+        .append(rule.name);
+    if (stopReason != nullptr) {
+        *stopReason = budget.Reason();
+    }
+    return kRuleStopped;
+}
+
+}  // namespace
+
+int ApplyRegRule(const RegRuleMatcher& unit, std::string& text, std::string& found,
+                 std::int32_t& start, std::int32_t& end, const RunLimits& limits,
+                 std::string* stopReason) {
+    Budget budget(limits);
+    int result = ApplyUnit(unit, text, found, start, end, budget);
+    if (result == kUnitStopped && stopReason != nullptr) {
+        *stopReason = budget.Reason();
+    }
+    return result;
+}
+
+int ApplyContentRule(const ContentRule& rule, std::string& text, const RunLimits& limits,
+                     std::string* stopReason) {
     std::string& log = TestLog();
     log.clear();
     if (rule.enable == 0) {
         log.append(" -- disabled: ").append(rule.name);
         return kRuleDisabled;
     }
+    Budget budget(limits);
+    // The text as given, kept from the first rewrite on so that a stopped run can give it back.
+    std::optional<std::string> original;
 
     // Every pass searches the rest of the caller's text in place (from `rest` on it is still
     // untouched) and hands what it rewrites to the rewriter, so the cost stays linear in the
@@ -576,13 +820,26 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
     ZeroScan zeros(source);
     int best = kRuleNothing;
     unsigned count = 0;
+    // The rewritten text's length, and how long it may grow.
+    std::size_t length = source.size();
+    const std::size_t maxLength = limits.growthFactor * source.size() + limits.growthBytes;
+    auto rewrite = [&](std::size_t start, std::size_t end, std::string_view replacement) {
+        if (!original) {
+            original = text;
+        }
+        rewriter.Replace(start, end, replacement);
+        length = length - (end - start) + replacement.size();
+    };
     while (true) {
         if (!log.empty()) {
             log.append("\r\n\r\n");
         }
         log.append("Main Rule:");
         std::string_view piece(source.data() + rest, source.size() - rest);
-        UnitRun run = RunUnit(rule.main, source, rest, zeros);
+        UnitRun run = RunUnit(rule.main, source, rest, zeros, budget);
+        if (run.result == kUnitStopped) {
+            return StopRule(rule, text, original, budget, stopReason);
+        }
         if (run.result == kUnitNotFound || run.result == kUnitSkipped) {
             break;
         }
@@ -592,7 +849,7 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
         bool replaced = run.result == kUnitReplaced;
         if (rule.subRules.empty()) {
             if (replaced) {
-                rewriter.Replace(editStart, editEnd, rule.main.replacement);
+                rewrite(editStart, editEnd, rule.main.replacement);
             }
             ++count;
         } else {
@@ -609,11 +866,14 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
                 std::int32_t subEnd = 0;
                 int subResult;
                 if (!subRule->findText.empty()) {
-                    subResult = ApplyRegRule(*subRule, region, found, subStart, subEnd);
+                    subResult = ApplyUnit(*subRule, region, found, subStart, subEnd, budget);
                     collected.append(found).append(",");
                 } else {
                     // A blank Find tests what the earlier sub-rules found, not the traffic.
-                    subResult = ApplyRegRule(*subRule, collected, found, subStart, subEnd);
+                    subResult = ApplyUnit(*subRule, collected, found, subStart, subEnd, budget);
+                }
+                if (subResult == kUnitStopped) {
+                    return StopRule(rule, text, original, budget, stopReason);
                 }
                 if (subResult == kUnitNotFound) {
                     abandoned = !any;
@@ -623,17 +883,36 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
             }
             if (abandoned) {
                 if (replaced) {
-                    rewriter.Replace(editStart, editEnd, rule.main.replacement);
+                    rewrite(editStart, editEnd, rule.main.replacement);
                 }
             } else {
-                rewriter.Replace(editStart, editEnd, region);
+                rewrite(editStart, editEnd, region);
                 ++count;
                 best = kRuleProcessed;
             }
         }
+        bool again = rule.recurse == 1 && editEnd < source.size();
+        if (again && editEnd == rest) {
+            // The next pass would search the same rest of the text and do the same, forever.
+            budget.Stop(
+                "full content would repeat forever: the Find matches an empty stretch at "
+                "offset " +
+                std::to_string(rest));
+            return StopRule(rule, text, original, budget, stopReason);
+        }
         rest = editEnd;
-        if (rule.recurse != 1 || rest >= source.size()) {
+        if (!again) {
             break;
+        }
+        if (length > maxLength) {
+            budget.Stop("the text grew past " + std::to_string(maxLength) + " bytes, " +
+                        std::to_string(limits.growthFactor) + " times its length plus " +
+                        std::to_string(limits.growthBytes >> 20) + " MB");
+            return StopRule(rule, text, original, budget, stopReason);
+        }
+        if (budget.Left().count() <= 0) {
+            budget.Stop("the rule ran longer than " + budget.TimeText());
+            return StopRule(rule, text, original, budget, stopReason);
         }
     }
     rewriter.Finish();
@@ -643,7 +922,10 @@ int ApplyContentRule(const ContentRule& rule, std::string& text) {
         std::string found;
         std::int32_t start = 0;
         std::int32_t end = 0;
-        int result = ApplyRegRule(rule.replace, text, found, start, end);
+        int result = ApplyUnit(rule.replace, text, found, start, end, budget);
+        if (result == kUnitStopped) {
+            return StopRule(rule, text, original, budget, stopReason);
+        }
         if (result != kUnitNotFound && result != kUnitSkipped) {
             best = kRuleReplaceApplied;
         }

@@ -28,6 +28,9 @@ class RulePattern {
     // need the zero-byte limit of the text before they are searched.
     bool LooksPastMatchEnd() const { return m_looksPastMatchEnd; }
     void SetLooksPastMatchEnd(bool value) { m_looksPastMatchEnd = value; }
+    // Whether the expression holds a back-reference: its searches run under a budget.
+    bool HasBackReferences() const { return m_hasBackReferences; }
+    void SetHasBackReferences(bool value) { m_hasBackReferences = value; }
     void Free() {
         if (m_compiled != 0) {
             regfree(&m_regex);
@@ -39,6 +42,7 @@ class RulePattern {
     platform::DWORD m_compiled = 0;
     regex_t m_regex{};
     bool m_looksPastMatchEnd = true;
+    bool m_hasBackReferences = false;
 };
 
 }  // namespace qbrix::content

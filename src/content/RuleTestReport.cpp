@@ -66,7 +66,7 @@ int ApplyUnitFields(RegRuleMatcher& unit, const UnitFields& fields, std::string_
 }
 
 int RunWholeRuleTest(ContentRule& rule, const RuleTestFields& fields, std::string_view sample,
-                     WholeRuleReport& report) {
+                     WholeRuleReport& report, const RunLimits& limits) {
     rule.enable = fields.enable ? 1 : 0;
     rule.name = fields.name;
     rule.direction = fields.outgoing ? 1 : 0;
@@ -82,14 +82,14 @@ int RunWholeRuleTest(ContentRule& rule, const RuleTestFields& fields, std::strin
     // The replace group's "Find" box decides, whatever the apply did with a non-blank Find.
     rule.replace.enable = fields.replaceEnable ? 1 : 0;
     std::string text(sample);
-    report.result = ApplyContentRule(rule, text);
+    report.result = ApplyContentRule(rule, text, limits);
     report.trace = TestLog();
     report.resultText = std::move(text);
     return 0;
 }
 
 int RunUnitTest(RegRuleMatcher& unit, const UnitFields& fields, std::string_view input,
-                UnitTestReport& report) {
+                UnitTestReport& report, const RunLimits& limits) {
     if (ApplyUnitFields(unit, fields, kMainRuleCaption) != 0) {
         return 1;
     }
@@ -98,8 +98,12 @@ int RunUnitTest(RegRuleMatcher& unit, const UnitFields& fields, std::string_view
     std::string found;
     std::int32_t start = 0;
     std::int32_t end = 0;
-    report.result = ApplyRegRule(unit, text, found, start, end);
+    std::string stopReason;
+    report.result = ApplyRegRule(unit, text, found, start, end, limits, &stopReason);
     switch (report.result) {
+        case kUnitStopped:
+            report.results = "Stopped: " + stopReason;
+            break;
         case kUnitFound:
             report.results = RangeText("Found", start, end, found);
             report.output = found;

@@ -9,6 +9,7 @@
 
 #include "content/ContentRule.h"
 #include "content/RegRuleMatcher.h"
+#include "content/RuleEngine.h"
 
 namespace qbrix::content {
 
@@ -57,9 +58,11 @@ struct WholeRuleReport {
 
 // Copies the fields into the rule (it stays changed, also if the editor is cancelled later),
 // applies the main and replace fields, then runs the rule on the sample. Sub-rules run as last
-// applied. Returns 1 after a compile error (no run), 0 with the report filled otherwise.
+// applied. Returns 1 after a compile error (no run), 0 with the report filled otherwise. A run
+// stopped at its limits has result kRuleStopped, the sample unchanged as its resulting text and
+// the reason in the trace's last line.
 int RunWholeRuleTest(ContentRule& rule, const RuleTestFields& fields, std::string_view sample,
-                     WholeRuleReport& report);
+                     WholeRuleReport& report, const RunLimits& limits = {});
 
 struct UnitTestReport {
     int result = 0;
@@ -73,8 +76,9 @@ struct UnitTestReport {
 };
 
 // The single-unit tester's "Test": applies the fields to the very unit (caption "Main Rule"),
-// runs it on the input and fills the report. Returns 1 after a compile error, else 0.
+// runs it on the input and fills the report. Returns 1 after a compile error, else 0. A search
+// stopped at its limits reads "Stopped: " and the reason in "Results".
 int RunUnitTest(RegRuleMatcher& unit, const UnitFields& fields, std::string_view input,
-                UnitTestReport& report);
+                UnitTestReport& report, const RunLimits& limits = {});
 
 }  // namespace qbrix::content

@@ -58,12 +58,13 @@ void PollActivity::Run() {
     file.Open(settings.fileName, settings.fileSizeMb);
     // 32800 bytes, room for 100 records: on the heap rather than the caller's stack.
     auto records = std::make_unique<driver::ActivityRecord[]>(kActivityBatch);
-    for (;;) {
+    for (int taken = 0; taken < kActivityRecordsPerTick;) {
         int count = driver::ReadActivityEvents(driver::g_hDriver, records.get(),
                                                driver::kActivityBufferSize);
         if (count <= 0) {
             break;
         }
+        taken += count;
         for (int i = 0; i < count; ++i) {
             ActivityFields fields = FieldsOf(records[i]);
             if (m_view.RowCount() > kLogListRowLimit) {

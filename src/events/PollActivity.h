@@ -1,6 +1,8 @@
 // The Internet log page's timer step: reads the driver's connection decisions until none is
 // left, puts each at the top of the page's list and appends its line to the Internet log file.
-// The page itself only displays what it is told through ActivityLogView.
+// A tick reads at most kActivityRecordsPerTick records; what the driver still holds is read on
+// the next tick, so a driver whose reads never come back empty cannot hold the timer (and the
+// end of the session) up. The page itself only displays what it is told through ActivityLogView.
 #pragma once
 
 #include <string>
@@ -32,6 +34,10 @@ class ActivityLogView {
     // New rows go to the top.
     virtual void InsertTopRow(const ActivityRow& row) = 0;
 };
+
+// Far above what a driver decides in a second (its own buffer holds 1,000 decisions): a tick
+// normally still reads until the driver has nothing left. 50 full reads of 100 records.
+inline constexpr int kActivityRecordsPerTick = 5000;
 
 class PollActivity {
   public:

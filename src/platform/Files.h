@@ -20,6 +20,8 @@ BOOL WriteToFile(int file, const void* data, std::size_t size);
 // The file's length, or -1 when it cannot be read.
 std::int64_t GetFileLength(int file);
 BOOL SetFileLength(int file, std::uint64_t length);
+// Moves the position to the file's end (after its length was set, so writes append again).
+BOOL MoveToFileEnd(int file);
 BOOL FlushFile(int file);
 void CloseFile(int file);
 

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -282,6 +283,36 @@ TEST_F(ControlProgramTest, WithoutADisplayTheLoopAnswersWithTheDefaultZoneAndLog
     EXPECT_EQ(program->Wait(0), -1) << Errors();
     EXPECT_EQ(program->Stop(SIGTERM), 0);
     EXPECT_EQ(Status().rfind("ok filtering 0 apps 1 ", 0), 0u) << Status();
+}
+
+// A driver whose activity reads never come back empty: the loop still ticks, SIGTERM still ends
+// the run through the shutdown, and the Internet log never grows past its limit (1 MB) by more
+// than a line, also in the middle of a tick.
+TEST_F(ControlProgramTest, AFloodingDriverHoldsUpNeitherTheSessionEndNorTheLogLimit) {
+    const std::string firewallLog = m_platform.DataRoot() + "/firewall.log";
+    core::RegistryKey(core::kFwLogSuffix, core::kGuiRootPath)
+        .SetString(core::kFileNameValue, firewallLog);
+    BackgroundProcess driver(
+        {QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(), "--foreground", "--flood"}, {},
+        m_platform.DataRoot() + "/driver.err");
+    ASSERT_TRUE(WaitFor([this] { return Status().rfind("ok filtering 1", 0) == 0; }));
+    auto program = Run("");
+    std::uintmax_t largest = 0;
+    auto size = [&] {
+        std::error_code error;
+        std::uintmax_t bytes = std::filesystem::file_size(firewallLog, error);
+        largest = std::max(largest, error ? 0 : bytes);
+        return largest;
+    };
+    // About 400 KB a tick: the log comes near its limit within a few ticks, and the ticks after
+    // that trim it, watched for a while.
+    EXPECT_TRUE(WaitFor([&] { return size() > 950000; }, 30s)) << Errors();
+    WaitFor([&] { return size() > 1000200; }, 2s);
+    EXPECT_EQ(program->Wait(0), -1) << Errors();
+    EXPECT_EQ(program->Stop(SIGTERM, 10000), 0) << Errors();
+    EXPECT_LE(size(), 1000200u);
+    EXPECT_NE(test::ReadFile(firewallLog).find("\tFlood\t"), std::string::npos);
+    EXPECT_EQ(Status().rfind("ok filtering 0", 0), 0u) << Status();
 }
 
 TEST_F(ControlProgramTest, AnotherVersionIsNotAValidDriverAndIsShownTwice) {

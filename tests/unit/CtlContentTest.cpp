@@ -81,6 +81,24 @@ TEST_F(CtlContentTest, ImportListTestExportDelete) {
     EXPECT_EQ(m_out.str(), "");
 }
 
+// A rule that would never end is stopped: the verdict is 5, the text is written unchanged and the
+// command says why and fails.
+TEST_F(CtlContentTest, AStoppedRuleTestSaysWhyAndFails) {
+    std::string file =
+        Write("loop.xml",
+              "<MASTER_RULE NAME='Loop' RECURSE='1' ENABLE='1' DIRECTION='0' LOG='1'>"
+              "<MAIN ENABLE='1'><FIND ENABLE='1'>x*</FIND><REPLACE ENABLE='1'>X"
+              "</REPLACE><COMMENT>c</COMMENT></MAIN><REPLACE ENABLE='0'/>"
+              "</MASTER_RULE>");
+    std::string output = m_dir.File("out.txt");
+    EXPECT_EQ(Rule({"test", "--file", file, Write("in.txt", "abc"), "--output", output}), 1);
+    EXPECT_EQ(m_out.str(), "verdict 5\n");
+    EXPECT_EQ(m_err.str(),
+              "q-brixctl: the rule was stopped: full content would repeat forever: the Find "
+              "matches an empty stretch at offset 0; the text is left unchanged\n");
+    EXPECT_EQ(test::ReadFile(output), "abc");
+}
+
 TEST_F(CtlContentTest, UsageAndBadInput) {
     EXPECT_EQ(Rule({}), 2);
     EXPECT_EQ(Rule({"list", "--protocol", "ftp"}), 2);

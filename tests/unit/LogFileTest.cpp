@@ -1,6 +1,8 @@
 // Log files: appending, and the trim that keeps about nine tenths of the limit from a line start.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -119,6 +121,27 @@ TEST_F(LogFileTest, LimitIsComputedInUnsigned32BitArithmetic) {
     WriteWhole(Path(), "x\ny");
     Trim(0);  // a zero limit keeps nothing
     EXPECT_EQ("", test::ReadFile(Path()));
+}
+
+// A burst of lines within one opening never takes the file more than a line past its limit,
+// and the lines written after a trim follow at the new end.
+TEST_F(LogFileTest, ABurstOfLinesIsTrimmedAsItIsWritten) {
+    LogFile file;
+    file.Open(Path(), 4295);  // a limit of 32,704 bytes
+    std::string all;
+    std::uintmax_t largest = 0;
+    for (int i = 0; i < 3000; ++i) {
+        std::string line = "line " + std::to_string(i) + std::string(i % 37, '.') + "\r\n";
+        file.Write(line);
+        all += line;
+        largest = std::max(largest, std::filesystem::file_size(Path()));
+    }
+    file.CloseAndTrim();
+    EXPECT_LE(largest, 32704u + 50u);
+    std::string kept = test::ReadFile(Path());
+    ASSERT_GT(kept.size(), 20000u);
+    EXPECT_EQ("line ", kept.substr(0, 5));
+    EXPECT_TRUE(SameBytes(all.substr(all.size() - kept.size()), kept));
 }
 
 // Mappings that fail at one chosen step and pass the others on to the system.

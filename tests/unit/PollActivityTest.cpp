@@ -2,6 +2,7 @@
 // rows and the log file lines they give, the row limit, the settings and the re-entry guard.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
@@ -200,6 +201,26 @@ TEST_F(PollActivityTest, ReadsAgainUntilTheDriverHasNothingLeft) {
     PollActivity(view).Run();
     EXPECT_EQ(150, view.rows);
     EXPECT_EQ(3u, ActivityReads());
+}
+
+// A driver whose reads never come back empty (here for 1,000 reads) cannot hold a tick: each
+// tick takes its share and leaves the rest, and the log file stays at its limit.
+TEST_F(PollActivityTest, ADriverThatNeverRunsDryIsReadUpToTheCapPerTick) {
+    core::RegistryKey(core::kFwLogSuffix, core::kGuiRootPath)
+        .SetDword(core::kFileSizeValue, 4295);  // a limit of 32,704 bytes
+    std::vector<std::string> batches(
+        1000, Bytes(std::vector<driver::ActivityRecord>(100, MakeRecord("a", "r", 1, 1, 1, 1, 0))));
+    Serve(std::move(batches));
+    RecordingView view;
+    PollActivity(view).Run();
+    EXPECT_EQ(static_cast<std::size_t>(kActivityRecordsPerTick / 100), ActivityReads());
+    EXPECT_EQ(kActivityRecordsPerTick,
+              std::count_if(view.calls.begin(), view.calls.end(),
+                            [](const std::string& call) { return call.rfind("insert", 0) == 0; }));
+    EXPECT_EQ("redraw on", view.calls.back());
+    EXPECT_LE(test::ReadFile(LogPath()).size(), 32704u);
+    PollActivity(view).Run();
+    EXPECT_EQ(static_cast<std::size_t>(2 * kActivityRecordsPerTick / 100), ActivityReads());
 }
 
 TEST_F(PollActivityTest, AReplyThatIsNoWholeNumberOfRecordsEndsTheTick) {

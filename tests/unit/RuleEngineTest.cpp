@@ -110,9 +110,12 @@ int ReferenceApplyRegRule(const RegRuleMatcher& unit, std::string& text, std::st
     return outcome;
 }
 
+constexpr int kLoopedForever = -1;
+
 // The engine as first written: every pass copies the rest of the text and writes the modified
-// piece back. The fast engine must give the same result, text and trace byte for byte.
-int ReferenceApplyContentRule(const ContentRule& rule, std::string& text) {
+// piece back. The fast engine must give the same result, text and trace byte for byte. After
+// `maxPasses` passes the run is taken as one that never ends (kLoopedForever).
+int ReferenceApplyContentRule(const ContentRule& rule, std::string& text, int maxPasses = 1000) {
     std::string& log = TestLog();
     log.clear();
     if (rule.enable == 0) {
@@ -122,7 +125,9 @@ int ReferenceApplyContentRule(const ContentRule& rule, std::string& text) {
     std::size_t pos = 0;
     int best = 0;
     int count = 0;
-    while (true) {
+    for (int passes = 0;; ++passes) {
+        if (passes == maxPasses)
+            return kLoopedForever;
         if (!log.empty())
             log += "\r\n\r\n";
         log += "Main Rule:";
@@ -540,13 +545,14 @@ TEST_F(RuleEngineTest, TextAfterZeroByteIsNotSearched) {
     EXPECT_EQ(text, std::string("Y\0x", 3));
 }
 
-// Random rules and texts over a small alphabet, so matches, misses, empty matches at the end
-// and zero bytes all occur; the fast engine must agree with the copy-per-pass one exactly.
+// Random rules and texts over a small alphabet, so matches, misses, empty matches and zero bytes
+// all occur; the fast engine must agree with the copy-per-pass one exactly, and stop exactly the
+// runs that never end.
 TEST_F(RuleEngineTest, MatchesCopyPerPassEngineOnGeneratedInputs) {
     std::mt19937 random(12345);
-    const std::vector<std::string> finds = {"a",    "ab",    "b+",      "(a)b",    "a(b)?", "",
-                                            "^a",   "b$",    "a|(c)",   "[ab]c",   "c.a",   "x",
-                                            "a\\>", "[^c]+", "c[^a]*a", "(x|\\<c)"};
+    const std::vector<std::string> finds = {
+        "a",     "ab",  "b+", "(a)b", "a(b)?", "",        "^a",       "b$", "a|(c)",
+        "[ab]c", "c.a", "x",  "a\\>", "[^c]+", "c[^a]*a", "(x|\\<c)", "x*", "(b*)"};
     const std::vector<std::string> replaces = {"", "Z", "zz", "\\n", "abc"};
     auto pick = [&](const std::vector<std::string>& from) { return from[random() % from.size()]; };
     auto text = [&] {
@@ -558,7 +564,6 @@ TEST_F(RuleEngineTest, MatchesCopyPerPassEngineOnGeneratedInputs) {
     };
     auto unit = [&] {
         RegRule stored = Unit(pick(finds), "u" + std::to_string(random() % 10));
-        // A Find that can match nothing would loop forever with Recurse; keep those away.
         if (random() % 3 == 0)
             stored = WithCompare(stored, pick(finds));
         if (random() % 2 == 0)
@@ -567,13 +572,10 @@ TEST_F(RuleEngineTest, MatchesCopyPerPassEngineOnGeneratedInputs) {
             stored.enable = 0;
         return stored;
     };
+    int stopped = 0;
     for (int round = 0; round < 10000; ++round) {
         RegRule mainRule = unit();
         DWORD recurse = random() % 2;
-        if (recurse == 1 &&
-            (mainRule.find == "" || mainRule.find == "a(b)?" || mainRule.find == "b$")) {
-            mainRule.find = "b+";
-        }
         std::vector<RegRule> subs;
         for (std::size_t i = random() % 3; i > 0; --i)
             subs.push_back(unit());
@@ -583,11 +585,129 @@ TEST_F(RuleEngineTest, MatchesCopyPerPassEngineOnGeneratedInputs) {
         std::string slow = input;
         int fastResult = ApplyContentRule(*rule, fast);
         std::string fastLog = TestLog();
-        int slowResult = ReferenceApplyContentRule(*rule, slow);
+        // A run either ends within a pass per byte or never: the engine stops exactly those.
+        int slowResult = ReferenceApplyContentRule(*rule, slow, 100);
+        if (slowResult == kLoopedForever) {
+            ++stopped;
+            ASSERT_EQ(fastResult, kRuleStopped) << "round " << round << " find " << mainRule.find;
+            ASSERT_EQ(fast, input) << "round " << round;
+            continue;
+        }
         ASSERT_EQ(fastResult, slowResult) << "round " << round << " find " << mainRule.find;
         ASSERT_EQ(fast, slow) << "round " << round;
         ASSERT_EQ(fastLog, TestLog()) << "round " << round;
     }
+    EXPECT_GT(stopped, 100);
+}
+
+// Runs that would never end, or that pass their limits, stop: the text is given back as it was
+// (also after earlier passes rewrote it), and the trace ends with the reason.
+struct StoppedCase {
+    const char* label;
+    RegRule main;
+    std::string text;
+    RunLimits limits;
+    std::string reason;
+    std::string trace;  // the trace's beginning, before the verdict
+};
+
+class StoppedRunTest : public ::testing::TestWithParam<StoppedCase> {
+  protected:
+    void SetUp() override { ResetTestLog(); }
+};
+
+TEST_P(StoppedRunTest, LeavesTheTextAndSaysWhy) {
+    const StoppedCase& param = GetParam();
+    auto rule = MakeRule(param.main, 1);
+    std::string text = param.text;
+    std::string reason;
+    EXPECT_EQ(ApplyContentRule(*rule, text, param.limits, &reason), kRuleStopped);
+    EXPECT_EQ(text, param.text);
+    EXPECT_EQ(reason, param.reason);
+    EXPECT_EQ(TestLog(), param.trace + "\r\n\r\n -- stopped (" + param.reason +
+                             "), the text is left unchanged :R");
+}
+
+const std::string kPass = "Main Rule:\r\n  found -modified  :c";
+const std::string kFoundPass = "Main Rule:\r\n  found  :c";
+
+INSTANTIATE_TEST_SUITE_P(
+    Limits, StoppedRunTest,
+    ::testing::Values(
+        StoppedCase{"EmptyMatchOnThreeBytes",
+                    WithReplace(Unit("x*"), "X"),
+                    "abc",
+                    {},
+                    "full content would repeat forever: the Find matches an empty stretch at "
+                    "offset 0",
+                    kPass},
+        StoppedCase{"EmptyMatchFoundOnly",
+                    Unit("b*"),
+                    "abc",
+                    {},
+                    "full content would repeat forever: the Find matches an empty stretch at "
+                    "offset 0",
+                    kFoundPass},
+        StoppedCase{"EmptyMatchAfterRewrites",
+                    WithReplace(Unit("c|x*"), "Z"),
+                    "ccab",
+                    {},
+                    "full content would repeat forever: the Find matches an empty stretch at "
+                    "offset 2",
+                    kPass + "\r\n\r\n" + kPass + "\r\n\r\n" + kPass},
+        StoppedCase{"Growth", WithReplace(Unit("."), "0123456789"), std::string(100, 'a'),
+                    RunLimits{std::chrono::milliseconds(5000), 2, 0},
+                    "the text grew past 200 bytes, 2 times its length plus 0 MB",
+                    [] {
+                        std::string trace = kPass;
+                        for (int i = 1; i < 12; ++i)
+                            trace += "\r\n\r\n" + kPass;
+                        return trace;
+                    }()},
+        StoppedCase{"Time", WithReplace(Unit("a"), "b"), "aaa",
+                    RunLimits{std::chrono::milliseconds(0)}, "the rule ran longer than 0 seconds",
+                    kPass}),
+    [](const auto& info) { return std::string(info.param.label); });
+
+// Back-references: a search that finishes gives what the library gives in the process; one that
+// would run for minutes (here on 5 KB) is stopped at the time limit.
+TEST_F(RuleEngineTest, BackReferenceSearchesRunWithinTheTimeLimit) {
+    RulePattern pattern;
+    ASSERT_EQ(CompilePattern(pattern, "(a|b)x\\1"), 0);
+    EXPECT_TRUE(pattern.HasBackReferences());
+    std::int32_t start = 0;
+    std::int32_t end = 0;
+    EXPECT_EQ(SearchPattern(pattern, "axbbxbyy", start, end), 0);
+    EXPECT_EQ(start, 3);
+    EXPECT_EQ(end, 4);
+    EXPECT_EQ(SearchPattern(pattern, "axb", start, end), 1);
+    ASSERT_EQ(CompilePattern(pattern, "[\\1]x"), 0);
+    EXPECT_FALSE(pattern.HasBackReferences());
+
+    auto rule = MakeRule(WithReplace(Unit("(.)\\1"), "#"), 1);
+    std::string fast = "aabcdd";
+    std::string slow = fast;
+    EXPECT_EQ(ApplyContentRule(*rule, fast), ReferenceApplyContentRule(*rule, slow));
+    EXPECT_EQ(fast, "#abc#d");
+    EXPECT_EQ(fast, slow);
+
+    rule = MakeRule(WithReplace(Unit("(.+)(.+)\\2\\1z"), "#"), 1);
+    std::string text;
+    while (text.size() < 5000)
+        text += "ab";
+    std::string given = text;
+    std::string reason;
+    RunLimits limits{std::chrono::milliseconds(300)};
+    EXPECT_EQ(ApplyContentRule(*rule, text, limits, &reason), kRuleStopped);
+    EXPECT_EQ(text, given);
+    EXPECT_EQ(reason, "a search with a back-reference ran longer than 300 ms");
+    EXPECT_EQ(TestLog().rfind("Main Rule:\r\n  stopped (" + reason + ") :c", 0), 0u);
+
+    RegRuleMatcher unit;
+    unit.Assign(Unit("(.+)(.+)\\2\\1z"));
+    std::string found;
+    EXPECT_EQ(ApplyRegRule(unit, text, found, start, end, limits, &reason), kUnitStopped);
+    EXPECT_EQ(text, given);
 }
 
 }  // namespace

@@ -132,6 +132,40 @@ TEST_F(RuleTestReportTest, UnitTesterResultsTexts) {
     EXPECT_EQ(report.results, "Not Found");
 }
 
+// A run stopped at its limits: the whole-rule report keeps the sample and ends its trace with
+// the reason; the single-unit tester says "Stopped: " and why.
+TEST_F(RuleTestReportTest, TestersSayWhenAndWhyARunWasStopped) {
+    ContentRule rule;
+    RuleTestFields fields;
+    fields.enable = true;
+    fields.name = "R";
+    fields.fullContent = true;
+    fields.main = Fields("x*", "m");
+    fields.main.replaceOn = true;
+    fields.main.replace = "X";
+    WholeRuleReport whole;
+    ASSERT_EQ(RunWholeRuleTest(rule, fields, "abc", whole), 0);
+    EXPECT_EQ(whole.result, kRuleStopped);
+    EXPECT_EQ(whole.resultText, "abc");
+    EXPECT_EQ(whole.trace,
+              "Main Rule:\r\n  found -modified  :m\r\n\r\n -- stopped (full content would repeat "
+              "forever: the Find matches an empty stretch at offset 0), the text is left "
+              "unchanged :R");
+
+    RegRuleMatcher unit;
+    UnitTestReport report;
+    std::string input;
+    while (input.size() < 5000)
+        input += "ab";
+    ASSERT_EQ(RunUnitTest(unit, Fields("(.+)(.+)\\2\\1z"), input, report,
+                          RunLimits{std::chrono::milliseconds(300)}),
+              0);
+    EXPECT_EQ(report.result, kUnitStopped);
+    EXPECT_EQ(report.results, "Stopped: a search with a back-reference ran longer than 300 ms");
+    EXPECT_EQ(report.output, "");
+    EXPECT_FALSE(report.selectInput);
+}
+
 TEST_F(RuleTestReportTest, UnitTesterUsesMainCaptionAndKeepsChangesInTheUnit) {
     ContentRule rule;
     RegRuleMatcher& sub = rule.InsertSubRule(nullptr);

@@ -86,6 +86,21 @@ bool ReferenceDriver::Asked(std::string_view image) const {
     });
 }
 
+ActivityRecord ReferenceDriver::FloodRecord() {
+    ActivityRecord record{};
+    record.timeStamp = TimeStamp();
+    driver::SetFieldText(record.application, "C:\\flood\\flood.exe");
+    record.connection.enabled = 1;
+    driver::SetFieldText(record.connection.name, "Flood");
+    record.connection.address = 0xC6336400u + (m_floodCount++ & 0xFFu);  // 198.51.100.x
+    record.connection.mask = 0xFFFFFFFFu;
+    record.connection.remotePort = 80;
+    record.connection.protocol = 1;
+    record.connection.direction = 2;
+    record.connection.result = 1;
+    return record;
+}
+
 std::uint64_t ReferenceDriver::TimeStamp() const {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -392,6 +407,10 @@ Reply ReferenceDriver::Handle(DWORD code, std::string_view input, DWORD outputCa
             for (std::size_t i = 0; i < count; ++i) {
                 output += Bytes(m_activity.front());
                 m_activity.pop_front();
+            }
+            for (std::size_t i = count;
+                 m_options.flood && i < outputCapacity / sizeof(ActivityRecord); ++i) {
+                output += Bytes(FloodRecord());
             }
             DWORD size = static_cast<DWORD>(output.size());
             return Done(size, std::move(output));

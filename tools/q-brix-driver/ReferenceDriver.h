@@ -35,6 +35,9 @@ class ReferenceDriver {
         std::string versionText = "\\3.0";
         bool nineX = false;  // 9x-style time stamps in the activity records
         std::chrono::milliseconds holdTime{30000};
+        // A driver that never runs dry (tests of the activity poll): every activity read is
+        // answered with as many records as fit, the real decisions first, then made-up ones.
+        bool flood = false;
     };
 
     ReferenceDriver();
@@ -70,6 +73,7 @@ class ReferenceDriver {
     void ReleaseHeld(std::string_view image);
     bool Asked(std::string_view image) const;
     std::uint64_t TimeStamp() const;
+    driver::ActivityRecord FloodRecord();
 
     Reply VersionReply(platform::DWORD outputCapacity) const;
     Reply UpsertApp(const driver::AppRecord& record);
@@ -84,6 +88,7 @@ class ReferenceDriver {
     std::vector<std::string> m_asked;  // images whose question is not answered yet
     std::vector<Held> m_held;
     std::deque<driver::ActivityRecord> m_activity;
+    std::uint32_t m_floodCount = 0;
 };
 
 // Whether a rule's criteria all hold for the connection (the enabled switch is not looked at).

@@ -3,7 +3,7 @@
 // and takes simulated connections from a scenario or from the command line.
 //
 //   q-brix-driver [--root DIR] [--foreground] [--scenario FILE|demo] [--version-text TEXT]
-//                 [--hold-ms MS]
+//                 [--hold-ms MS] [--flood]
 //   q-brix-driver [--root DIR] --inject "connect IMAGE tcp|udp in|out A.B.C.D:PORT [BYTES] ..."
 //   q-brix-driver [--root DIR] --status
 //   q-brix-driver --help
@@ -28,7 +28,7 @@ using qbrix::refdriver::ReferenceDriver;
 
 constexpr char kUsage[] =
     "usage: q-brix-driver [--root DIR] [--foreground] [--scenario FILE|demo]\n"
-    "                     [--version-text TEXT] [--hold-ms MS]\n"
+    "                     [--version-text TEXT] [--hold-ms MS] [--flood]\n"
     "       q-brix-driver [--root DIR] --inject \"connect IMAGE tcp|udp in|out "
     "A.B.C.D:PORT [BYTES] [local=PORT] [path=P]\"\n"
     "       q-brix-driver [--root DIR] --status\n"
@@ -106,6 +106,8 @@ int main(int argc, char** argv) {
                 return Usage();
             }
             options.holdTime = std::chrono::milliseconds(ms);
+        } else if (arg == "--flood") {
+            options.flood = true;
         } else if (arg == "--inject" && hasValue) {
             inject = argv[++i];
         } else if (arg == "--status") {

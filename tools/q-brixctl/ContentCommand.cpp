@@ -159,7 +159,8 @@ int RuleTest(const Parsed& parsed, std::size_t row, std::ostream& out, std::ostr
         err << "q-brixctl: cannot read " << parsed.words[1] << "\n";
         return 1;
     }
-    int verdict = ApplyContentRule(*rule, text);
+    std::string stopReason;
+    int verdict = ApplyContentRule(*rule, text, RunLimits{}, &stopReason);
     if (auto trace = parsed.options.find("--trace"); trace != parsed.options.end()) {
         if (!WriteWholeFile(trace->second, TestLog())) {
             err << "q-brixctl: cannot write " << trace->second << "\n";
@@ -173,6 +174,11 @@ int RuleTest(const Parsed& parsed, std::size_t row, std::ostream& out, std::ostr
         }
     }
     out << "verdict " << verdict << "\n";
+    if (verdict == kRuleStopped) {
+        err << "q-brixctl: the rule was stopped: " << stopReason
+            << "; the text is left unchanged\n";
+        return 1;
+    }
     return 0;
 }
 
@@ -302,7 +308,7 @@ int RunUnitCommand(const std::vector<std::string>& args, std::ostream& out, std:
         }
     }
     out << report.results << "\n";
-    return 0;
+    return report.result == kUnitStopped ? 1 : 0;
 }
 
 int RunOptionsCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {

@@ -155,6 +155,14 @@ BOOL SetFileLength(int file, std::uint64_t length) {
     return 1;
 }
 
+BOOL MoveToFileEnd(int file) {
+    if (::lseek(file, 0, SEEK_END) < 0) {
+        SetLastError(ErrorFromErrno(errno));
+        return 0;
+    }
+    return 1;
+}
+
 BOOL FlushFile(int file) {
     return ::fsync(file) == 0 ? 1 : 0;
 }
