@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -396,18 +397,28 @@ std::uint64_t DataSegmentBytes() {
         return 0;
     }
     buffer[got] = '\0';
-    std::uint64_t value = 0;
-    int field = 0;
-    for (const char* c = buffer; *c != '\0' && field < 6; ++c) {
-        if (*c == ' ') {
-            ++field;
-            value = 0;
-        } else if (*c >= '0' && *c <= '9') {
-            value = value * 10 + static_cast<std::uint64_t>(*c - '0');
-        }
+    unsigned long long fields[6] = {};
+    if (std::sscanf(buffer, "%llu %llu %llu %llu %llu %llu", &fields[0], &fields[1], &fields[2],
+                    &fields[3], &fields[4], &fields[5]) != 6) {
+        return 0;
     }
-    return field >= 5 ? value * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) : 0;
+    return fields[5] * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 }
+
+// Under AddressSanitizer every allocation carries red zones and freed blocks wait in its
+// quarantine (256 MB), all counted in the data segment: the same work needs several times the
+// memory there.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr std::uint64_t kMemoryFactor = 4;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr std::uint64_t kMemoryFactor = 4;
+#else
+constexpr std::uint64_t kMemoryFactor = 1;
+#endif
+#else
+constexpr std::uint64_t kMemoryFactor = 1;
+#endif
 
 // In the child: the budget as resource limits (the data limit counts from what the child
 // inherited), and no core file when a limit ends it.
@@ -418,7 +429,7 @@ void LimitChild(rlim_t cpuSeconds, std::uint64_t memoryBudget) {
     setrlimit(RLIMIT_CPU, &cpu);
     rlimit data{};
     if (getrlimit(RLIMIT_DATA, &data) == 0) {
-        std::uint64_t limit = DataSegmentBytes() + memoryBudget;
+        std::uint64_t limit = DataSegmentBytes() + memoryBudget * kMemoryFactor;
         if (data.rlim_max == RLIM_INFINITY || limit < data.rlim_max) {
             data.rlim_cur = static_cast<rlim_t>(limit);
             data.rlim_max = static_cast<rlim_t>(limit);
