@@ -38,6 +38,22 @@ constexpr std::int64_t kUsersId = 3;
 constexpr REGSAM kWriteRights =
     KEY_SET_VALUE | KEY_CREATE_SUB_KEY | KEY_CREATE_LINK | DELETE_ACCESS | 0x00040000 | 0x00080000;
 
+// The row at an enumeration index: counted from the first row, or found from the cursor (the
+// cursor's own row again, or the row after it) through the (parent, fold) and (key, seq)
+// indexes.
+constexpr const char* kSubKeyByOffset =
+    "SELECT name, fold FROM keys WHERE parent = ? ORDER BY fold LIMIT 1 OFFSET ?";
+constexpr const char* kSubKeyAtCursor =
+    "SELECT name, fold FROM keys WHERE parent = ? AND fold >= ? ORDER BY fold LIMIT 1";
+constexpr const char* kSubKeyAfterCursor =
+    "SELECT name, fold FROM keys WHERE parent = ? AND fold > ? ORDER BY fold LIMIT 1";
+constexpr const char* kValueByOffset =
+    "SELECT name, type, data, seq FROM vals WHERE key = ? ORDER BY seq LIMIT 1 OFFSET ?";
+constexpr const char* kValueAtCursor =
+    "SELECT name, type, data, seq FROM vals WHERE key = ? AND seq >= ? ORDER BY seq LIMIT 1";
+constexpr const char* kValueAfterCursor =
+    "SELECT name, type, data, seq FROM vals WHERE key = ? AND seq > ? ORDER BY seq LIMIT 1";
+
 LONG FromSqlite(int rc) {
     switch (rc & 0xFF) {
         case SQLITE_OK:
@@ -518,6 +534,22 @@ LONG SqliteRegistry::WalkPath(std::int64_t start, std::string_view path, bool cr
     return ERROR_SUCCESS;
 }
 
+bool SqliteRegistry::CursorUsable(EnumCursor& cursor, std::int64_t keyId, DWORD index) {
+    std::int64_t changes = sqlite3_total_changes64(m_db);
+    Statement version(*this, "PRAGMA data_version");
+    if (version.Step() != SQLITE_ROW) {
+        cursor.valid = false;
+        return false;
+    }
+    std::int64_t dataVersion = version.Int(0);
+    bool usable = cursor.valid && cursor.keyId == keyId && cursor.changes == changes &&
+                  cursor.dataVersion == dataVersion &&
+                  (index == cursor.index || index == cursor.index + 1);
+    cursor.changes = changes;
+    cursor.dataVersion = dataVersion;
+    return usable;
+}
+
 HKEY SqliteRegistry::NewHandle(std::int64_t id, REGSAM access) {
     std::uintptr_t value = m_nextHandle;
     m_nextHandle += 4;
@@ -605,6 +637,7 @@ LONG SqliteRegistry::CloseKey(HKEY key) {
         key == HKEY_CURRENT_USER) {
         return ERROR_SUCCESS;
     }
+    m_cursors.erase(reinterpret_cast<std::uintptr_t>(key));
     return m_handles.erase(reinterpret_cast<std::uintptr_t>(key)) == 1 ? ERROR_SUCCESS
                                                                        : ERROR_INVALID_HANDLE;
 }
@@ -735,11 +768,28 @@ LONG SqliteRegistry::EnumKeyEx(HKEY key, DWORD index, char* name, DWORD* nameSiz
     if (LONG rc = Resolve(key, KEY_ENUMERATE_SUB_KEYS, &id); rc != ERROR_SUCCESS) {
         return rc;
     }
-    Statement stmt(*this, "SELECT name FROM keys WHERE parent = ? ORDER BY fold LIMIT 1 OFFSET ?");
-    int rc = stmt.Bind(1, id).Bind(2, index).Step();
+    // The next index continues after the previous row (one index lookup); any other index, or
+    // a store changed since, counts from the first row.
+    EnumCursor& cursor = m_cursors[reinterpret_cast<std::uintptr_t>(key)].subKeys;
+    bool usable = CursorUsable(cursor, id, index);
+    Statement stmt(*this, !usable                 ? kSubKeyByOffset
+                          : index == cursor.index ? kSubKeyAtCursor
+                                                  : kSubKeyAfterCursor);
+    stmt.Bind(1, id);
+    if (usable) {
+        stmt.BindText(2, cursor.fold);
+    } else {
+        stmt.Bind(2, index);
+    }
+    int rc = stmt.Step();
     if (rc != SQLITE_ROW) {
+        cursor.valid = false;
         return rc == SQLITE_DONE ? ERROR_NO_MORE_ITEMS : FromSqlite(rc);
     }
+    cursor.valid = true;
+    cursor.keyId = id;
+    cursor.index = index;
+    cursor.fold.assign(stmt.Bytes(1));
     std::string_view text = stmt.Bytes(0);
     return CopyName(text, name, nameSize);
 }
@@ -757,12 +807,20 @@ LONG SqliteRegistry::EnumValue(HKEY key, DWORD index, char* name, DWORD* nameSiz
     if (LONG rc = Resolve(key, KEY_QUERY_VALUE, &id); rc != ERROR_SUCCESS) {
         return rc;
     }
-    Statement stmt(*this,
-                   "SELECT name, type, data FROM vals WHERE key = ? ORDER BY seq LIMIT 1 OFFSET ?");
-    int rc = stmt.Bind(1, id).Bind(2, index).Step();
+    EnumCursor& cursor = m_cursors[reinterpret_cast<std::uintptr_t>(key)].values;
+    bool usable = CursorUsable(cursor, id, index);
+    Statement stmt(*this, !usable                 ? kValueByOffset
+                          : index == cursor.index ? kValueAtCursor
+                                                  : kValueAfterCursor);
+    int rc = stmt.Bind(1, id).Bind(2, usable ? cursor.seq : index).Step();
     if (rc != SQLITE_ROW) {
+        cursor.valid = false;
         return rc == SQLITE_DONE ? ERROR_NO_MORE_ITEMS : FromSqlite(rc);
     }
+    cursor.valid = true;
+    cursor.keyId = id;
+    cursor.index = index;
+    cursor.seq = stmt.Int(3);
     std::string_view text = stmt.Bytes(0);
     std::string_view bytes = stmt.Bytes(2);
     if (LONG rc = CopyName(text, name, nameSize); rc != ERROR_SUCCESS) {
