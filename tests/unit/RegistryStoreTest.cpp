@@ -304,6 +304,13 @@ TEST(RegistryEnumerationTest, IndexesFollowChangesMadeBetweenCalls) {
     EXPECT_EQ("v2", value(0));
     EXPECT_EQ("rc " + std::to_string(ERROR_NO_MORE_ITEMS), subKey(4));
     EXPECT_EQ("rc " + std::to_string(ERROR_NO_MORE_ITEMS), value(4));
+    // The key itself deleted elsewhere: the next index finds the handle's key gone.
+    EXPECT_EQ("v3", value(1));
+    for (const char* name : {"s2", "s3", "s4", "s5"}) {
+        ASSERT_EQ(0, other.DeleteKey(otherKey, name));
+    }
+    ASSERT_EQ(0, other.DeleteKey(HKEY_LOCAL_MACHINE, "E"));
+    EXPECT_EQ("rc " + std::to_string(ERROR_KEY_DELETED), value(2));
     mine.CloseKey(again);
     mine.CloseKey(key);
     other.CloseKey(otherKey);

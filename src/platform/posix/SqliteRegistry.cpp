@@ -478,7 +478,7 @@ LONG SqliteRegistry::CurrentUserKey(bool create, std::int64_t* id) {
     return FindChild(kUsersId, name, id);
 }
 
-LONG SqliteRegistry::Resolve(HKEY key, REGSAM needed, std::int64_t* id) {
+LONG SqliteRegistry::Resolve(HKEY key, REGSAM needed, std::int64_t* id, bool checkExists) {
     if (key == HKEY_LOCAL_MACHINE) {
         *id = kLocalMachineId;
         return ERROR_SUCCESS;
@@ -502,7 +502,7 @@ LONG SqliteRegistry::Resolve(HKEY key, REGSAM needed, std::int64_t* id) {
         return ERROR_ACCESS_DENIED;
     }
     *id = it->second.id;
-    return KeyExists(*id);
+    return checkExists ? KeyExists(*id) : ERROR_SUCCESS;
 }
 
 LONG SqliteRegistry::WalkPath(std::int64_t start, std::string_view path, bool create,
@@ -765,13 +765,19 @@ LONG SqliteRegistry::EnumKeyEx(HKEY key, DWORD index, char* name, DWORD* nameSiz
         return rc;
     }
     std::int64_t id = 0;
-    if (LONG rc = Resolve(key, KEY_ENUMERATE_SUB_KEYS, &id); rc != ERROR_SUCCESS) {
+    if (LONG rc = Resolve(key, KEY_ENUMERATE_SUB_KEYS, &id, false); rc != ERROR_SUCCESS) {
         return rc;
     }
     // The next index continues after the previous row (one index lookup); any other index, or
-    // a store changed since, counts from the first row.
+    // a store changed since, counts from the first row. A usable cursor also vouches for the
+    // key: it existed at the previous call, and nothing changed since.
     EnumCursor& cursor = m_cursors[reinterpret_cast<std::uintptr_t>(key)].subKeys;
     bool usable = CursorUsable(cursor, id, index);
+    if (!usable && m_handles.count(reinterpret_cast<std::uintptr_t>(key)) != 0) {
+        if (LONG rc = KeyExists(id); rc != ERROR_SUCCESS) {
+            return rc;
+        }
+    }
     Statement stmt(*this, !usable                 ? kSubKeyByOffset
                           : index == cursor.index ? kSubKeyAtCursor
                                                   : kSubKeyAfterCursor);
@@ -804,11 +810,16 @@ LONG SqliteRegistry::EnumValue(HKEY key, DWORD index, char* name, DWORD* nameSiz
         return rc;
     }
     std::int64_t id = 0;
-    if (LONG rc = Resolve(key, KEY_QUERY_VALUE, &id); rc != ERROR_SUCCESS) {
+    if (LONG rc = Resolve(key, KEY_QUERY_VALUE, &id, false); rc != ERROR_SUCCESS) {
         return rc;
     }
     EnumCursor& cursor = m_cursors[reinterpret_cast<std::uintptr_t>(key)].values;
     bool usable = CursorUsable(cursor, id, index);
+    if (!usable && m_handles.count(reinterpret_cast<std::uintptr_t>(key)) != 0) {
+        if (LONG rc = KeyExists(id); rc != ERROR_SUCCESS) {
+            return rc;
+        }
+    }
     Statement stmt(*this, !usable                 ? kValueByOffset
                           : index == cursor.index ? kValueAtCursor
                                                   : kValueAfterCursor);

@@ -84,7 +84,9 @@ private:
     LONG InitializeSchema();
     void CloseDatabase();
     sqlite3_stmt* Prepare(const char* sql);
-    LONG Resolve(HKEY key, REGSAM needed, std::int64_t* id);
+    // The key a handle stands for; an open handle's key must still exist unless `checkExists` is
+    // false (the caller then knows it does).
+    LONG Resolve(HKEY key, REGSAM needed, std::int64_t* id, bool checkExists = true);
     LONG CurrentUserKey(bool create, std::int64_t* id);
     LONG FindChild(std::int64_t parent, std::string_view name, std::int64_t* id);
     LONG KeyExists(std::int64_t id);
