@@ -66,7 +66,10 @@ void ContentEventQueue::ReaderMain(void* queue) {
         for (platform::DWORD i = 0; i < read; ++i) {
             if (lengths[i] == sizeof(ContentEvent)) {
                 core::DiagLog("\n read slot OK ");
-                batch[whole++] = batch[i];
+                if (whole != i) {
+                    batch[whole] = batch[i];
+                }
+                ++whole;
             }
         }
         if (whole != 0) {
