@@ -139,7 +139,7 @@ ProcessSnapshot::ProcessSnapshot() {
 
 ProcessSnapshot::~ProcessSnapshot() {
     if (--g_snapshotDepth == 0) {
-        g_snapshot.Reset(nullptr);
+        g_snapshot.Reset(&UnderlyingTable());  // drops what was kept; never left without a source
     }
 }
 
