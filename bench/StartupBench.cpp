@@ -2,7 +2,8 @@
 // ready, its resident memory when idle, and its processor use when idle. The program runs as a
 // real process, offscreen, on the reference driver. The loaded case has 75 programs (as many as
 // the driver holds) and 100 zones; the baseline, measured in the same run, is the same program
-// on a store with only its built-in zones and no programs.
+// on a store with only its built-in zones and no programs. The zone cases start the program on
+// stores of 1,000, 3,000 and 10,000 zones (no programs): the start must grow linearly with them.
 //
 // "Ready" is the first turn of the event loop after the panel was built: the unattended script's
 // first step writes a file then. The idle figures are taken after the start has settled;
@@ -18,6 +19,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -67,7 +70,7 @@ class Root {
         policy::LoadZones();  // the built-in zones, as the first run makes them
         for (int i = static_cast<int>(policy::g_zones.Size()); i < zones; ++i) {
             policy::ZoneRecord zone = policy::EmptyZone();
-            std::snprintf(zone.name, sizeof(zone.name), "Zone %03d", i);
+            std::snprintf(zone.name, sizeof(zone.name), "Zone %05d", i);
             zone.result = static_cast<std::uint32_t>(i % 2);
             policy::g_zones.Append(zone);
         }
@@ -151,6 +154,15 @@ void StartToReady(benchmark::State& state, Root& root) {
 
 void BM_StartToReady_Baseline(benchmark::State& state) { StartToReady(state, Baseline()); }
 void BM_StartToReady_75Programs100Zones(benchmark::State& state) { StartToReady(state, Loaded()); }
+void BM_StartToReady_Zones(benchmark::State& state) {
+    static std::map<int, std::unique_ptr<Root>> roots;
+    int zones = static_cast<int>(state.range(0));
+    std::unique_ptr<Root>& root = roots[zones];
+    if (root == nullptr) {
+        root = std::make_unique<Root>("zones" + std::to_string(zones), 0, zones);
+    }
+    StartToReady(state, *root);
+}
 
 long ResidentKb(pid_t pid) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
@@ -221,6 +233,13 @@ BENCHMARK(BM_StartToReady_Baseline)->UseManualTime()->Iterations(10)->Unit(bench
 BENCHMARK(BM_StartToReady_75Programs100Zones)
     ->UseManualTime()
     ->Iterations(10)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StartToReady_Zones)
+    ->Arg(1000)
+    ->Arg(3000)
+    ->Arg(10000)
+    ->UseManualTime()
+    ->Iterations(5)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Idle_Baseline)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
 BENCHMARK(BM_Idle_75Programs100Zones)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);

@@ -1,6 +1,7 @@
 #include "events/ContentEventQueue.h"
 
 #include <cstring>
+#include <vector>
 
 #include "core/DiagLog.h"
 #include "platform/Kernel.h"
@@ -13,6 +14,8 @@ namespace qbrix::events {
 namespace {
 
 constexpr std::size_t kErrorTextSize = 500;
+// The most messages one wake-up of the reader takes.
+constexpr platform::DWORD kReadBatch = 64;
 
 int HandleNumber(platform::HANDLE handle) {
     return static_cast<int>(reinterpret_cast<std::intptr_t>(handle));
@@ -45,18 +48,34 @@ void ContentEventQueue::StartIfNeeded() {
 
 void ContentEventQueue::ReaderMain(void* queue) {
     auto* self = static_cast<ContentEventQueue*>(queue);
+    // Each wake-up takes every message already waiting and queues the whole events under one
+    // lock, so a burst costs one wait and one lock per batch rather than per event.
+    std::vector<ContentEvent> batch(kReadBatch);
+    std::vector<platform::DWORD> lengths(kReadBatch);
     // A read that fails at once (no mailslot) repeats at once: the reader has nothing better to
     // do until it is stopped.
     while (self->m_stop.load() == 0) {
-        ContentEvent message;
         platform::DWORD read = 0;
-        if (platform::ReadMailslot(self->m_mailslot.load(), &message, sizeof(message), &read) &&
-            read == sizeof(message)) {
-            core::DiagLog("\n read slot OK ");
-            std::lock_guard guard(self->m_lock);
-            self->m_queue.push_back(message);
+        if (!platform::ReadMailslotMessages(self->m_mailslot.load(), batch.data(),
+                                            sizeof(ContentEvent), kReadBatch, lengths.data(),
+                                            &read)) {
+            continue;
         }
-        // Anything else read is not a whole event and goes without a trace.
+        // Anything read that is not a whole event goes without a trace.
+        platform::DWORD whole = 0;
+        for (platform::DWORD i = 0; i < read; ++i) {
+            if (lengths[i] == sizeof(ContentEvent)) {
+                core::DiagLog("\n read slot OK ");
+                if (whole != i) {
+                    batch[whole] = batch[i];
+                }
+                ++whole;
+            }
+        }
+        if (whole != 0) {
+            std::lock_guard guard(self->m_lock);
+            self->m_queue.insert(self->m_queue.end(), batch.begin(), batch.begin() + whole);
+        }
     }
 }
 

@@ -28,6 +28,14 @@ HANDLE CreateMailslot(std::string_view name, DWORD maxMessageSize, DWORD readTim
 // the slot's largest message size (the message is then gone). *bytesRead is 0 after a failure.
 BOOL ReadMailslot(HANDLE mailslot, void* buffer, DWORD size, DWORD* bytesRead);
 
+// Reads every message waiting, at most `count`: waits as ReadMailslot does for the first, then
+// takes those already queued behind it without waiting. Message i goes to `buffer` + i * `size`
+// and its real length to lengths[i]: one longer than `size` was cut short, and the caller drops
+// it as it drops one longer than the slot's largest message size. *messagesRead is the number
+// taken, 0 after a failure (the errors of ReadMailslot apart from ERROR_INSUFFICIENT_BUFFER).
+BOOL ReadMailslotMessages(HANDLE mailslot, void* buffer, DWORD size, DWORD count, DWORD* lengths,
+                          DWORD* messagesRead);
+
 // The writer's side: opens an existing slot by name (ERROR_FILE_NOT_FOUND when nobody owns it)
 // and sends one message per call.
 HANDLE OpenMailslotWriter(std::string_view name);

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <map>
+#include <mutex>
+#include <optional>
 
 #include "platform/Platform.h"
 
@@ -48,11 +51,96 @@ std::string BaseName(const std::string& path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+// The table in use while a snapshot lives: each answer of the underlying table is kept, with
+// its error, for the rest of the snapshot.
+class SnapshotTable : public ProcessTable {
+  public:
+    // Drops every kept answer; `source` is the table asked from now on.
+    void Reset(ProcessTable* source) {
+        std::lock_guard guard(m_lock);
+        m_source = source;
+        m_list.reset();
+        m_executables.clear();
+        m_modules.clear();
+    }
+    ProcessTable* Source() {
+        std::lock_guard guard(m_lock);
+        return m_source;
+    }
+
+    std::vector<ProcessEntry> List() override {
+        std::lock_guard guard(m_lock);
+        if (!m_list) {
+            m_list = m_source->List();
+        }
+        return *m_list;
+    }
+    DWORD ExecutablePath(DWORD processId, std::string& path) override {
+        std::lock_guard guard(m_lock);
+        auto it = m_executables.find(processId);
+        if (it == m_executables.end()) {
+            Kept<std::string> kept;
+            kept.error = m_source->ExecutablePath(processId, kept.value);
+            it = m_executables.emplace(processId, std::move(kept)).first;
+        }
+        path = it->second.value;
+        return it->second.error;
+    }
+    DWORD Modules(DWORD processId, std::vector<std::string>& files) override {
+        std::lock_guard guard(m_lock);
+        auto it = m_modules.find(processId);
+        if (it == m_modules.end()) {
+            Kept<std::vector<std::string>> kept;
+            kept.error = m_source->Modules(processId, kept.value);
+            it = m_modules.emplace(processId, std::move(kept)).first;
+        }
+        files = it->second.value;
+        return it->second.error;
+    }
+
+  private:
+    template <typename T>
+    struct Kept {
+        T value;
+        DWORD error = ERROR_SUCCESS;
+    };
+    std::mutex m_lock;
+    ProcessTable* m_source = nullptr;
+    std::optional<std::vector<ProcessEntry>> m_list;
+    std::map<DWORD, Kept<std::string>> m_executables;
+    std::map<DWORD, Kept<std::vector<std::string>>> m_modules;
+};
+
+SnapshotTable g_snapshot;
+std::atomic<int> g_snapshotDepth{0};
+
+ProcessTable& UnderlyingTable() {
+    ProcessTable* table = g_installedTable.load();
+    return table != nullptr ? *table : DefaultTable();
+}
+
 }  // namespace
 
 ProcessTable& CurrentProcessTable() {
-    ProcessTable* table = g_installedTable.load();
-    return table != nullptr ? *table : DefaultTable();
+    if (g_snapshotDepth.load() > 0) {
+        // A table installed while the snapshot lives replaces what it kept.
+        if (g_snapshot.Source() != &UnderlyingTable()) {
+            g_snapshot.Reset(&UnderlyingTable());
+        }
+        return g_snapshot;
+    }
+    return UnderlyingTable();
+}
+
+ProcessSnapshot::ProcessSnapshot() {
+    g_snapshot.Reset(&UnderlyingTable());
+    ++g_snapshotDepth;
+}
+
+ProcessSnapshot::~ProcessSnapshot() {
+    if (--g_snapshotDepth == 0) {
+        g_snapshot.Reset(&UnderlyingTable());  // drops what was kept; never left without a source
+    }
 }
 
 ScopedProcessTable::ScopedProcessTable(ProcessTable& table)
@@ -113,15 +201,22 @@ DWORD GetModuleFileNameExA(HANDLE process, HMODULE module, char* fileName, DWORD
         SetLastError(ERROR_INVALID_HANDLE);
         return 0;
     }
+    std::uintptr_t value = reinterpret_cast<std::uintptr_t>(module);
+    std::size_t index = value == 0 ? 0 : value / kModuleHandleStep - 1;
+    if (value % kModuleHandleStep != 0) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return 0;
+    }
+    // The executable comes from its link alone; only another module needs the mapped files.
     std::vector<std::string> files;
-    if (DWORD error = CurrentProcessTable().Modules(object->processId, files);
-        error != ERROR_SUCCESS) {
+    DWORD error =
+        index == 0 ? CurrentProcessTable().ExecutablePath(object->processId, files.emplace_back())
+                   : CurrentProcessTable().Modules(object->processId, files);
+    if (error != ERROR_SUCCESS) {
         SetLastError(error);
         return 0;
     }
-    std::uintptr_t value = reinterpret_cast<std::uintptr_t>(module);
-    std::size_t index = value == 0 ? 0 : value / kModuleHandleStep - 1;
-    if ((value != 0 && value % kModuleHandleStep != 0) || index >= files.size()) {
+    if (index >= files.size()) {
         SetLastError(ERROR_INVALID_HANDLE);
         return 0;
     }

@@ -59,6 +59,20 @@ class ScopedProcessTable {
     ProcessTable* m_previous;
 };
 
+// One view of the processes for a stretch of work (a main-loop tick, the filling of the
+// programs page): while a snapshot lives, the table in use answers each question (the list, a
+// process's executable, its modules) once, from its first asking, and repeats that answer to
+// every later lookup. Snapshots nest; a new one, even inside another, starts from a fresh view,
+// so a tick run inside a dialog opened by an earlier tick sees the processes as they are. With
+// none alive, every call reads the processes anew.
+class ProcessSnapshot {
+  public:
+    ProcessSnapshot();
+    ~ProcessSnapshot();
+    ProcessSnapshot(const ProcessSnapshot&) = delete;
+    ProcessSnapshot& operator=(const ProcessSnapshot&) = delete;
+};
+
 inline constexpr DWORD ERROR_NO_MORE_FILES = 18;  // a snapshot walked to its end
 
 // Process access rights.
@@ -104,7 +118,8 @@ static_assert(offsetof(MODULEENTRY32, szModule) == 32);
 static_assert(offsetof(MODULEENTRY32, szExePath) == 288);
 
 // Process-status calls. A process module handle is an opaque value; the first one a process
-// yields is its executable.
+// yields is its executable. GetModuleFileNameExA with a null module names the executable too;
+// naming it reads only the executable's link, never the list of the other mapped files.
 BOOL EnumProcesses(DWORD* processIds, DWORD bytes, DWORD* bytesReturned);
 HANDLE OpenProcess(DWORD access, BOOL inheritHandle, DWORD processId);
 BOOL EnumProcessModules(HANDLE process, HMODULE* modules, DWORD bytes, DWORD* bytesNeeded);

@@ -8,6 +8,7 @@
 #include "core/DiagLog.h"
 #include "core/Messages.h"
 #include "driver/DriverControl.h"
+#include "platform/Processes.h"
 #include "platform/Text.h"
 #include "policy/PresetZones.h"
 #include "policy/ProcessLookup.h"
@@ -151,6 +152,8 @@ int ProgramList::FindRow(std::string_view imageName) const {
 }
 
 void ProgramList::Fill() {
+    // Every program still without a path is looked up; one view of the processes serves all.
+    platform::ProcessSnapshot snapshot;
     m_rows.clear();
     m_selected = -1;
     std::vector<unsigned char> buffer(driver::kAppListBufferSize);

@@ -84,16 +84,15 @@ int FindProcessPathNt(std::string_view imageName, std::string& path) {
             core::DiagLog("\n open process err(%X)", platform::GetLastError());
             continue;
         }
-        platform::HMODULE module = nullptr;
-        platform::DWORD needed = 0;
-        if (!enumModules(process, &module, sizeof module, &needed)) {
+        // Only the executable's module is wanted: the null module names it without listing
+        // every file mapped into the process.
+        char fileName[260] = {};
+        if (moduleFileName(process, nullptr, fileName, sizeof fileName) == 0) {
             core::DiagLog("\n enum modules err(%X)", platform::GetLastError());
             platform::CloseHandle(process);
             continue;
         }
         core::DiagLog("\n     modules count %d ", i);
-        char fileName[260] = {};
-        moduleFileName(process, module, fileName, sizeof fileName);
         core::DiagLog("\n           module[%d]= '%.*s' '%s'", i, static_cast<int>(imageName.size()),
                       imageName.data(), fileName);
         std::string upper = platform::ToUpperAscii(fileName);

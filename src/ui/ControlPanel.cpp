@@ -17,6 +17,7 @@
 #include "core/Messages.h"
 #include "core/StringTable.h"
 #include "platform/Platform.h"
+#include "platform/Processes.h"
 #include "ui/AboutBox.h"
 #include "ui/AnsiText.h"
 #include "ui/Icons.h"
@@ -245,6 +246,9 @@ void ControlPanel::OnTimer() {
 }
 
 void ControlPanel::Tick() {
+    // The tick's process lookups (the question about a new program) share one view of the
+    // processes.
+    platform::ProcessSnapshot snapshot;
     m_parts.steps.Run();
     emit Ticked();
 }

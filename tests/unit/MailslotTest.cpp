@@ -61,6 +61,34 @@ TEST_F(MailslotTest, MessagesArriveWholeAndInOrder) {
     EXPECT_TRUE(CloseHandle(slot));
 }
 
+// One wake-up takes every waiting message, up to the count asked for; the rest wait for the
+// next call. Lengths are the messages' real ones, so the over-long one can be told apart.
+TEST_F(MailslotTest, ManyMessagesAreTakenInOneReadWithTheirLengths) {
+    HANDLE slot = CreateMailslot(kName, 8, 1000);
+    ASSERT_NE(INVALID_HANDLE_VALUE, slot);
+    for (const std::string& message :
+         {std::string("one"), std::string("second"), std::string(20, 'x'), std::string(""),
+          std::string("last")}) {
+        Send(message);
+    }
+    char buffer[4][8];
+    DWORD lengths[4] = {};
+    DWORD read = 9;
+    ASSERT_TRUE(ReadMailslotMessages(slot, buffer, 8, 4, lengths, &read));
+    ASSERT_EQ(4u, read);
+    EXPECT_EQ("one", std::string(buffer[0], lengths[0]));
+    EXPECT_EQ("second", std::string(buffer[1], lengths[1]));
+    EXPECT_EQ(20u, lengths[2]);
+    EXPECT_EQ(0u, lengths[3]);
+    ASSERT_TRUE(ReadMailslotMessages(slot, buffer, 8, 4, lengths, &read));
+    ASSERT_EQ(1u, read);
+    EXPECT_EQ("last", std::string(buffer[0], lengths[0]));
+    CloseHandle(slot);
+    EXPECT_FALSE(ReadMailslotMessages(slot, buffer, 8, 4, lengths, &read));
+    EXPECT_EQ(ERROR_INVALID_HANDLE, GetLastError());
+    EXPECT_EQ(0u, read);
+}
+
 TEST_F(MailslotTest, NamesThatAreNoSlotAndSlotsWithoutReaderAreRefused) {
     EXPECT_EQ(INVALID_HANDLE_VALUE, CreateMailslot("\\\\.\\pipe\\korvel", 0, 0));
     EXPECT_EQ(ERROR_INVALID_NAME, GetLastError());

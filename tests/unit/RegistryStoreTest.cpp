@@ -253,6 +253,107 @@ TEST(RegistryStoreFailureTest, CorruptStoreFailsWithoutTouchingTheFile) {
     EXPECT_EQ(garbage, test::ReadFile(path));
 }
 
+// Enumeration by index continues from where the previous call stopped; any change between two
+// calls, by this connection or by another one, makes the index count over the store as it now is.
+TEST(RegistryEnumerationTest, IndexesFollowChangesMadeBetweenCalls) {
+    test::TempDirectory dir;
+    SqliteRegistry mine(dir.File("registry.db"), 1000);
+    SqliteRegistry other(dir.File("registry.db"), 1000);
+    HKEY key = nullptr;
+    DWORD disposition = 0;
+    ASSERT_EQ(0, mine.CreateKeyEx(HKEY_LOCAL_MACHINE, "E", 0, KEY_ALL_ACCESS, &key, &disposition));
+    for (const char* name : {"s0", "s1", "s2", "s3", "s4", "s5"}) {
+        HKEY child = nullptr;
+        ASSERT_EQ(0, mine.CreateKeyEx(key, name, 0, KEY_ALL_ACCESS, &child, &disposition));
+        mine.CloseKey(child);
+        ASSERT_EQ(0, mine.SetValueEx(key, std::string("v") + (name + 1), REG_SZ, nullptr, 0));
+    }
+    HKEY otherKey = nullptr;
+    ASSERT_EQ(0, other.OpenKeyEx(HKEY_LOCAL_MACHINE, "E", KEY_ALL_ACCESS, &otherKey));
+    auto subKey = [&](DWORD index) {
+        char name[16];
+        DWORD size = sizeof(name);
+        LONG rc = mine.EnumKeyEx(key, index, name, &size);
+        return rc == 0 ? std::string(name, size) : "rc " + std::to_string(rc);
+    };
+    auto value = [&](DWORD index) {
+        char name[16];
+        DWORD size = sizeof(name);
+        LONG rc = mine.EnumValue(key, index, name, &size, nullptr, nullptr, nullptr);
+        return rc == 0 ? std::string(name, size) : "rc " + std::to_string(rc);
+    };
+    EXPECT_EQ("s0", subKey(0));
+    EXPECT_EQ("s1", subKey(1));
+    EXPECT_EQ("v0", value(0));
+    EXPECT_EQ("v1", value(1));
+    // Another connection's commit.
+    ASSERT_EQ(0, other.DeleteKey(otherKey, "s0"));
+    ASSERT_EQ(0, other.DeleteValue(otherKey, "v0"));
+    EXPECT_EQ("s3", subKey(2));
+    EXPECT_EQ("v3", value(2));
+    // This connection's own change, through another handle.
+    HKEY again = nullptr;
+    ASSERT_EQ(0, mine.OpenKeyEx(HKEY_LOCAL_MACHINE, "E", KEY_ALL_ACCESS, &again));
+    ASSERT_EQ(0, mine.DeleteKey(again, "s1"));
+    ASSERT_EQ(0, mine.DeleteValue(again, "v1"));
+    EXPECT_EQ("s5", subKey(3));
+    EXPECT_EQ("v5", value(3));
+    // The same index again, an index behind, and past the end.
+    EXPECT_EQ("s5", subKey(3));
+    EXPECT_EQ("s3", subKey(1));
+    EXPECT_EQ("v2", value(0));
+    EXPECT_EQ("rc " + std::to_string(ERROR_NO_MORE_ITEMS), subKey(4));
+    EXPECT_EQ("rc " + std::to_string(ERROR_NO_MORE_ITEMS), value(4));
+    // The key itself deleted elsewhere: the next index finds the handle's key gone.
+    EXPECT_EQ("v3", value(1));
+    for (const char* name : {"s2", "s3", "s4", "s5"}) {
+        ASSERT_EQ(0, other.DeleteKey(otherKey, name));
+    }
+    ASSERT_EQ(0, other.DeleteKey(HKEY_LOCAL_MACHINE, "E"));
+    EXPECT_EQ("rc " + std::to_string(ERROR_KEY_DELETED), value(2));
+    mine.CloseKey(again);
+    mine.CloseKey(key);
+    other.CloseKey(otherKey);
+}
+
+// Deleting what index 0 names, over and over, takes every entry once, in index order.
+TEST(RegistryEnumerationTest, DeletingIndexZeroRepeatedlyTakesEachEntryOnce) {
+    test::TempDirectory dir;
+    SqliteRegistry registry(dir.File("registry.db"), 1000);
+    HKEY key = nullptr;
+    DWORD disposition = 0;
+    ASSERT_EQ(0,
+              registry.CreateKeyEx(HKEY_LOCAL_MACHINE, "D", 0, KEY_ALL_ACCESS, &key, &disposition));
+    std::vector<std::string> expected;
+    for (int i = 0; i < 40; ++i) {
+        std::string name = "n" + std::to_string(100 + i);
+        expected.push_back(name);
+        HKEY child = nullptr;
+        ASSERT_EQ(0, registry.CreateKeyEx(key, name, 0, KEY_ALL_ACCESS, &child, &disposition));
+        registry.CloseKey(child);
+        ASSERT_EQ(0, registry.SetValueEx(key, name, REG_SZ, nullptr, 0));
+    }
+    std::vector<std::string> subKeys;
+    std::vector<std::string> values;
+    char name[16];
+    for (DWORD size = sizeof(name); registry.EnumKeyEx(key, 0, name, &size) == 0;
+         size = sizeof(name)) {
+        subKeys.emplace_back(name, size);
+        ASSERT_EQ(0, registry.DeleteKey(key, subKeys.back()));
+        ASSERT_LE(subKeys.size(), expected.size());
+    }
+    for (DWORD size = sizeof(name);
+         registry.EnumValue(key, 0, name, &size, nullptr, nullptr, nullptr) == 0;
+         size = sizeof(name)) {
+        values.emplace_back(name, size);
+        ASSERT_EQ(0, registry.DeleteValue(key, values.back()));
+        ASSERT_LE(values.size(), expected.size());
+    }
+    EXPECT_EQ(expected, subKeys);
+    EXPECT_EQ(expected, values);
+    registry.CloseKey(key);
+}
+
 TEST(RegistryStoreFailureTest, LockedStoreGivesUpAfterItsBusyTimeAndKeepsData) {
     test::TempDirectory dir;
     std::string path = dir.File("registry.db");

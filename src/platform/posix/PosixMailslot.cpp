@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <vector>
 
 #include "platform/Mailslot.h"
 #include "platform/Platform.h"
@@ -72,7 +73,8 @@ class MailslotReader : public KernelObject {
         ::shutdown(m_socket, SHUT_RDWR);
     }
 
-    BOOL Read(void* buffer, DWORD size, DWORD* bytesRead) {
+    // Waits up to the slot's time-out for a message; false (and the error set) when none came.
+    bool Wait() {
         int waitMs = m_timeoutMs == MAILSLOT_WAIT_FOREVER ? -1 : static_cast<int>(m_timeoutMs);
         pollfd wait{m_socket, POLLIN, 0};
         int ready;
@@ -81,10 +83,63 @@ class MailslotReader : public KernelObject {
         } while (ready < 0 && errno == EINTR);
         if (m_closed.load()) {
             SetLastError(ERROR_INVALID_HANDLE);
-            return 0;
+            return false;
         }
         if (ready == 0) {
             SetLastError(ERROR_SEM_TIMEOUT);
+            return false;
+        }
+        return true;
+    }
+
+    // Every queued message (at most `count`) in one call; the wait comes only when none is
+    // queued, so a reader that keeps up with a burst makes one call per batch.
+    BOOL ReadMany(char* buffer, DWORD size, DWORD count, DWORD* lengths, DWORD* messagesRead) {
+        if (m_closed.load()) {
+            SetLastError(ERROR_INVALID_HANDLE);
+            return 0;
+        }
+        std::vector<mmsghdr> headers(count);
+        std::vector<iovec> parts(count);
+        for (DWORD i = 0; i < count; ++i) {
+            parts[i] = {buffer + static_cast<std::size_t>(i) * size, size};
+            headers[i] = {};
+            headers[i].msg_hdr.msg_iov = &parts[i];
+            headers[i].msg_hdr.msg_iovlen = 1;
+        }
+        // MSG_TRUNC gives each datagram's real length, as in Read.
+        auto receive = [&] {
+            int taken;
+            do {
+                taken =
+                    ::recvmmsg(m_socket, headers.data(), count, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+            } while (taken < 0 && errno == EINTR);
+            return taken;
+        };
+        int taken = receive();
+        if (taken < 0 && errno == EAGAIN) {
+            if (!Wait()) {
+                return 0;
+            }
+            taken = receive();
+        }
+        if (m_closed.load()) {
+            SetLastError(ERROR_INVALID_HANDLE);
+            return 0;
+        }
+        if (taken <= 0) {
+            SetLastError(taken == 0 || errno == EAGAIN ? ERROR_SEM_TIMEOUT : ERROR_GEN_FAILURE);
+            return 0;
+        }
+        for (int i = 0; i < taken; ++i) {
+            lengths[i] = headers[i].msg_len;
+        }
+        *messagesRead = static_cast<DWORD>(taken);
+        return 1;
+    }
+
+    BOOL Read(void* buffer, DWORD size, DWORD* bytesRead) {
+        if (!Wait()) {
             return 0;
         }
         // MSG_TRUNC makes the call return the datagram's real length, so an over-long message
@@ -223,6 +278,24 @@ BOOL ReadMailslot(HANDLE mailslot, void* buffer, DWORD size, DWORD* bytesRead) {
         return 0;
     }
     return reader->Read(buffer, size, bytesRead);
+}
+
+BOOL ReadMailslotMessages(HANDLE mailslot, void* buffer, DWORD size, DWORD count, DWORD* lengths,
+                          DWORD* messagesRead) {
+    if (messagesRead != nullptr) {
+        *messagesRead = 0;
+    }
+    if (!IsInstalled() || buffer == nullptr || lengths == nullptr || messagesRead == nullptr ||
+        count == 0) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return 0;
+    }
+    auto reader = Current().Handles().FindAs<MailslotReader>(mailslot);
+    if (reader == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return 0;
+    }
+    return reader->ReadMany(static_cast<char*>(buffer), size, count, lengths, messagesRead);
 }
 
 HANDLE OpenMailslotWriter(std::string_view name) {

@@ -2,12 +2,14 @@
 // executable (readable only for processes the caller may inspect), "stat" its parent and thread
 // count, and "maps" the files mapped into it.
 #include <dirent.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
+#include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "platform/Processes.h"
@@ -41,25 +43,36 @@ bool ReadExecutable(DWORD processId, std::string& path, DWORD& error) {
 }
 
 void ReadStat(ProcessEntry& entry) {
-    std::ifstream in(ProcPath(entry.processId, "stat"));
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    // The command name in parentheses may itself contain blanks and parentheses.
-    std::size_t close = text.rfind(')');
-    if (close == std::string::npos) {
+    char text[1024];
+    int fd = ::open(ProcPath(entry.processId, "stat").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
         return;
     }
-    std::istringstream fields(text.substr(close + 1));
-    std::string state;
-    long parent = 0;
-    fields >> state >> parent;
-    std::string skip;
-    for (int i = 0; i < 15 && fields >> skip; ++i) {
+    ssize_t length = ::read(fd, text, sizeof text - 1);
+    ::close(fd);
+    if (length <= 0) {
+        return;
     }
+    text[length] = '\0';
+    // The command name in parentheses may itself contain blanks and parentheses.
+    const char* close = std::strrchr(text, ')');
+    if (close == nullptr) {
+        return;
+    }
+    // After the name: state, parent, then 15 fields up to the thread count.
+    char state = 0;
+    long parent = 0;
     long threads = 0;
-    if (fields >> threads) {
+    int fields = std::sscanf(close + 1,
+                             " %c %ld %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s "
+                             "%*s %ld",
+                             &state, &parent, &threads);
+    if (fields >= 2) {
+        entry.parentProcessId = static_cast<DWORD>(parent);
+    }
+    if (fields == 3) {
         entry.threads = static_cast<DWORD>(threads);
     }
-    entry.parentProcessId = static_cast<DWORD>(parent);
 }
 
 class ProcfsProcessTable : public ProcessTable {

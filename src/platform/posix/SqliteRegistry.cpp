@@ -38,6 +38,22 @@ constexpr std::int64_t kUsersId = 3;
 constexpr REGSAM kWriteRights =
     KEY_SET_VALUE | KEY_CREATE_SUB_KEY | KEY_CREATE_LINK | DELETE_ACCESS | 0x00040000 | 0x00080000;
 
+// The row at an enumeration index: counted from the first row, or found from the cursor (the
+// cursor's own row again, or the row after it) through the (parent, fold) and (key, seq)
+// indexes.
+constexpr const char* kSubKeyByOffset =
+    "SELECT name, fold FROM keys WHERE parent = ? ORDER BY fold LIMIT 1 OFFSET ?";
+constexpr const char* kSubKeyAtCursor =
+    "SELECT name, fold FROM keys WHERE parent = ? AND fold >= ? ORDER BY fold LIMIT 1";
+constexpr const char* kSubKeyAfterCursor =
+    "SELECT name, fold FROM keys WHERE parent = ? AND fold > ? ORDER BY fold LIMIT 1";
+constexpr const char* kValueByOffset =
+    "SELECT name, type, data, seq FROM vals WHERE key = ? ORDER BY seq LIMIT 1 OFFSET ?";
+constexpr const char* kValueAtCursor =
+    "SELECT name, type, data, seq FROM vals WHERE key = ? AND seq >= ? ORDER BY seq LIMIT 1";
+constexpr const char* kValueAfterCursor =
+    "SELECT name, type, data, seq FROM vals WHERE key = ? AND seq > ? ORDER BY seq LIMIT 1";
+
 LONG FromSqlite(int rc) {
     switch (rc & 0xFF) {
         case SQLITE_OK:
@@ -462,7 +478,7 @@ LONG SqliteRegistry::CurrentUserKey(bool create, std::int64_t* id) {
     return FindChild(kUsersId, name, id);
 }
 
-LONG SqliteRegistry::Resolve(HKEY key, REGSAM needed, std::int64_t* id) {
+LONG SqliteRegistry::Resolve(HKEY key, REGSAM needed, std::int64_t* id, bool checkExists) {
     if (key == HKEY_LOCAL_MACHINE) {
         *id = kLocalMachineId;
         return ERROR_SUCCESS;
@@ -486,7 +502,7 @@ LONG SqliteRegistry::Resolve(HKEY key, REGSAM needed, std::int64_t* id) {
         return ERROR_ACCESS_DENIED;
     }
     *id = it->second.id;
-    return KeyExists(*id);
+    return checkExists ? KeyExists(*id) : ERROR_SUCCESS;
 }
 
 LONG SqliteRegistry::WalkPath(std::int64_t start, std::string_view path, bool create,
@@ -516,6 +532,22 @@ LONG SqliteRegistry::WalkPath(std::int64_t start, std::string_view path, bool cr
         *id = child;
     }
     return ERROR_SUCCESS;
+}
+
+bool SqliteRegistry::CursorUsable(EnumCursor& cursor, std::int64_t keyId, DWORD index) {
+    std::int64_t changes = sqlite3_total_changes64(m_db);
+    Statement version(*this, "PRAGMA data_version");
+    if (version.Step() != SQLITE_ROW) {
+        cursor.valid = false;
+        return false;
+    }
+    std::int64_t dataVersion = version.Int(0);
+    bool usable = cursor.valid && cursor.keyId == keyId && cursor.changes == changes &&
+                  cursor.dataVersion == dataVersion &&
+                  (index == cursor.index || index == cursor.index + 1);
+    cursor.changes = changes;
+    cursor.dataVersion = dataVersion;
+    return usable;
 }
 
 HKEY SqliteRegistry::NewHandle(std::int64_t id, REGSAM access) {
@@ -605,6 +637,7 @@ LONG SqliteRegistry::CloseKey(HKEY key) {
         key == HKEY_CURRENT_USER) {
         return ERROR_SUCCESS;
     }
+    m_cursors.erase(reinterpret_cast<std::uintptr_t>(key));
     return m_handles.erase(reinterpret_cast<std::uintptr_t>(key)) == 1 ? ERROR_SUCCESS
                                                                        : ERROR_INVALID_HANDLE;
 }
@@ -732,14 +765,37 @@ LONG SqliteRegistry::EnumKeyEx(HKEY key, DWORD index, char* name, DWORD* nameSiz
         return rc;
     }
     std::int64_t id = 0;
-    if (LONG rc = Resolve(key, KEY_ENUMERATE_SUB_KEYS, &id); rc != ERROR_SUCCESS) {
+    if (LONG rc = Resolve(key, KEY_ENUMERATE_SUB_KEYS, &id, false); rc != ERROR_SUCCESS) {
         return rc;
     }
-    Statement stmt(*this, "SELECT name FROM keys WHERE parent = ? ORDER BY fold LIMIT 1 OFFSET ?");
-    int rc = stmt.Bind(1, id).Bind(2, index).Step();
+    // The next index continues after the previous row (one index lookup); any other index, or
+    // a store changed since, counts from the first row. A usable cursor also vouches for the
+    // key: it existed at the previous call, and nothing changed since.
+    EnumCursor& cursor = m_cursors[reinterpret_cast<std::uintptr_t>(key)].subKeys;
+    bool usable = CursorUsable(cursor, id, index);
+    if (!usable && m_handles.count(reinterpret_cast<std::uintptr_t>(key)) != 0) {
+        if (LONG rc = KeyExists(id); rc != ERROR_SUCCESS) {
+            return rc;
+        }
+    }
+    Statement stmt(*this, !usable                 ? kSubKeyByOffset
+                          : index == cursor.index ? kSubKeyAtCursor
+                                                  : kSubKeyAfterCursor);
+    stmt.Bind(1, id);
+    if (usable) {
+        stmt.BindText(2, cursor.fold);
+    } else {
+        stmt.Bind(2, index);
+    }
+    int rc = stmt.Step();
     if (rc != SQLITE_ROW) {
+        cursor.valid = false;
         return rc == SQLITE_DONE ? ERROR_NO_MORE_ITEMS : FromSqlite(rc);
     }
+    cursor.valid = true;
+    cursor.keyId = id;
+    cursor.index = index;
+    cursor.fold.assign(stmt.Bytes(1));
     std::string_view text = stmt.Bytes(0);
     return CopyName(text, name, nameSize);
 }
@@ -754,15 +810,28 @@ LONG SqliteRegistry::EnumValue(HKEY key, DWORD index, char* name, DWORD* nameSiz
         return rc;
     }
     std::int64_t id = 0;
-    if (LONG rc = Resolve(key, KEY_QUERY_VALUE, &id); rc != ERROR_SUCCESS) {
+    if (LONG rc = Resolve(key, KEY_QUERY_VALUE, &id, false); rc != ERROR_SUCCESS) {
         return rc;
     }
-    Statement stmt(*this,
-                   "SELECT name, type, data FROM vals WHERE key = ? ORDER BY seq LIMIT 1 OFFSET ?");
-    int rc = stmt.Bind(1, id).Bind(2, index).Step();
+    EnumCursor& cursor = m_cursors[reinterpret_cast<std::uintptr_t>(key)].values;
+    bool usable = CursorUsable(cursor, id, index);
+    if (!usable && m_handles.count(reinterpret_cast<std::uintptr_t>(key)) != 0) {
+        if (LONG rc = KeyExists(id); rc != ERROR_SUCCESS) {
+            return rc;
+        }
+    }
+    Statement stmt(*this, !usable                 ? kValueByOffset
+                          : index == cursor.index ? kValueAtCursor
+                                                  : kValueAfterCursor);
+    int rc = stmt.Bind(1, id).Bind(2, usable ? cursor.seq : index).Step();
     if (rc != SQLITE_ROW) {
+        cursor.valid = false;
         return rc == SQLITE_DONE ? ERROR_NO_MORE_ITEMS : FromSqlite(rc);
     }
+    cursor.valid = true;
+    cursor.keyId = id;
+    cursor.index = index;
+    cursor.seq = stmt.Int(3);
     std::string_view text = stmt.Bytes(0);
     std::string_view bytes = stmt.Bytes(2);
     if (LONG rc = CopyName(text, name, nameSize); rc != ERROR_SUCCESS) {

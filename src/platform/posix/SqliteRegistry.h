@@ -54,6 +54,23 @@ private:
         std::int64_t id;
         REGSAM access;
     };
+    // Where the last enumeration through a handle stopped, so the next index continues from
+    // that row instead of counting from the first. Valid only while the store is as it was
+    // then: no change by this connection (its change count) nor by any other (the data
+    // version). Otherwise the index is counted from the first row again.
+    struct EnumCursor {
+        bool valid = false;
+        std::int64_t keyId = 0;
+        DWORD index = 0;
+        std::string fold;      // sub-keys: the upper-cased name of the row at `index`
+        std::int64_t seq = 0;  // values: the creation sequence of the row at `index`
+        std::int64_t changes = 0;
+        std::int64_t dataVersion = 0;
+    };
+    struct EnumCursors {
+        EnumCursor subKeys;
+        EnumCursor values;
+    };
     class Statement;
     class Transaction;
 
@@ -67,13 +84,19 @@ private:
     LONG InitializeSchema();
     void CloseDatabase();
     sqlite3_stmt* Prepare(const char* sql);
-    LONG Resolve(HKEY key, REGSAM needed, std::int64_t* id);
+    // The key a handle stands for; an open handle's key must still exist unless `checkExists` is
+    // false (the caller then knows it does).
+    LONG Resolve(HKEY key, REGSAM needed, std::int64_t* id, bool checkExists = true);
     LONG CurrentUserKey(bool create, std::int64_t* id);
     LONG FindChild(std::int64_t parent, std::string_view name, std::int64_t* id);
     LONG KeyExists(std::int64_t id);
     LONG WalkPath(std::int64_t start, std::string_view path, bool create, std::int64_t* id,
                   bool* created);
     HKEY NewHandle(std::int64_t id, REGSAM access);
+    // Whether `cursor` still describes the store for an enumeration of `keyId` at `index`;
+    // stamps the cursor with the store's current state either way (false: the state could not
+    // be read, and the cursor is not used).
+    bool CursorUsable(EnumCursor& cursor, std::int64_t keyId, DWORD index);
 
     std::string m_path;
     std::uint32_t m_uid;
@@ -83,6 +106,7 @@ private:
     bool m_readOnly = false;
     std::map<const char*, sqlite3_stmt*> m_statements;
     std::map<std::uintptr_t, OpenKey> m_handles;
+    std::map<std::uintptr_t, EnumCursors> m_cursors;  // by handle, the predefined roots included
     std::uintptr_t m_nextHandle = 0x1000;
     int m_transactionDepth = 0;  // open transaction scopes; m_lock is held while it is above 0
     LONG m_doomed = 0;           // the error that doomed the open scopes, 0 while none has

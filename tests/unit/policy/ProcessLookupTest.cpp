@@ -32,8 +32,12 @@ class ScriptedProcesses : public platform::ProcessTable {
   public:
     ScriptedProcesses() : m_scope(*this) {}
     void Add(platform::DWORD id, std::string path) { m_entries.push_back({id, 0, 1, path}); }
-    std::vector<platform::ProcessEntry> List() override { return m_entries; }
+    std::vector<platform::ProcessEntry> List() override {
+        ++lists;
+        return m_entries;
+    }
     platform::DWORD ExecutablePath(platform::DWORD id, std::string& path) override {
+        ++executables;
         for (const auto& entry : m_entries) {
             if (entry.processId == id) {
                 path = entry.executable;
@@ -43,11 +47,16 @@ class ScriptedProcesses : public platform::ProcessTable {
         return platform::ERROR_INVALID_PARAMETER;
     }
     platform::DWORD Modules(platform::DWORD id, std::vector<std::string>& files) override {
+        ++modules;
         std::string path;
         platform::DWORD error = ExecutablePath(id, path);
         files = {path, "C:\\WINDOWS\\SYSTEM\\KERNEL32.DLL"};
         return error;
     }
+
+    int lists = 0;  // calls of each kind the searches made
+    int executables = 0;
+    int modules = 0;
 
   private:
     std::vector<platform::ProcessEntry> m_entries;
@@ -185,6 +194,39 @@ TEST(CaseInsensitiveFileTest, FindsFilesWhateverTheCaseAndPrefersExactNames) {
     EXPECT_EQ(platform::FindFileIgnoringCase(dir.Path() + "/program files/mail/mail.exe").empty(),
               false);
     EXPECT_EQ(platform::FindFileIgnoringCase(dir.Path() + "/PROGRAM FILES/NONE.EXE"), "");
+}
+
+// Within a snapshot the processes are listed once and each executable read once, whatever the
+// number of lookups; no lookup lists the other mapped files. A nested snapshot, and any lookup
+// after the last one ends, see the processes anew.
+TEST(ProcessLookupTest, ASnapshotServesEveryLookupFromOneViewOfTheProcesses) {
+    test::TempPlatform platform;
+    ScriptedProcesses processes;
+    processes.Add(4, "C:\\A.EXE");
+    processes.Add(8, "C:\\B.EXE");
+    std::string path;
+    std::string description;
+    {
+        platform::ProcessSnapshot snapshot;
+        EXPECT_EQ(GetProcessName("none.exe", path, description), 1);
+        EXPECT_EQ(GetProcessName("b.exe", path, description), 0);
+        EXPECT_EQ(path, "C:\\B.EXE");
+        processes.Add(12, "C:\\LATE.EXE");
+        EXPECT_EQ(GetProcessName("late.exe", path, description), 1);
+        EXPECT_EQ(processes.lists, 1);
+        EXPECT_EQ(processes.executables, 2);
+        {
+            platform::ProcessSnapshot nested;
+            EXPECT_EQ(GetProcessName("late.exe", path, description), 0);
+        }
+        EXPECT_EQ(processes.lists, 2);
+        EXPECT_EQ(processes.executables, 5);
+    }
+    processes.Add(16, "C:\\AFTER.EXE");
+    EXPECT_EQ(GetProcessName("after.exe", path, description), 0);
+    EXPECT_EQ(GetProcessName("after.exe", path, description), 0);
+    EXPECT_EQ(processes.lists, 4);
+    EXPECT_EQ(processes.modules, 0);
 }
 
 }  // namespace
