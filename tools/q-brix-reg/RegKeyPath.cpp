@@ -44,7 +44,13 @@ int RegKeyPath::Parse(std::string_view text, RegKeyPath* path, std::string* erro
         rest.remove_suffix(1);
     }
     std::string_view scan = rest;
+    std::size_t depth = 0;
     while (!scan.empty()) {
+        if (++depth > platform::kMaxKeyDepth) {
+            *error = "the key is more than " + std::to_string(platform::kMaxKeyDepth) +
+                     " levels deep, deeper than a registry key may be";
+            return 1;
+        }
         std::size_t next = scan.find('\\');
         std::string_view part = scan.substr(0, next);
         if (part.empty()) {
