@@ -96,8 +96,8 @@ int Export(const std::string& name, const std::string& file, std::ostream& err) 
 int Import(const std::string& file, bool overwrite, std::ostream& err) {
     policy::LoadZones();
     ZoneRecord zone = policy::EmptyZone();
-    if (policy::ImportZone(zone, file) != 0) {
-        return Failed(err, "'" + file + "' holds no zone (missing, unreadable or not a zone file)");
+    if (std::string why; policy::ImportZone(zone, file, &why) != 0) {
+        return Failed(err, "'" + file + "' holds no zone: " + why);
     }
     for (std::size_t i = 0; i < g_zones.Size(); ++i) {
         if (platform::EqualsIgnoreCase(policy::ZoneName(g_zones.At(i)), policy::ZoneName(zone))) {
