@@ -178,7 +178,7 @@ TEST(RegKeyPathTest, RootNamesAndPathChecks) {
 
     for (const std::string& bad :
          std::vector<std::string>{"", "HKXX\\a", "\\SOFTWARE", "HKLM\\a\\\\b", "HKLM\\\\",
-                                  "HKLM\\" + std::string(256, 'k'), DeepPath(513)}) {
+                                  "HKLM\\a\\\\", "HKLM\\" + std::string(256, 'k'), DeepPath(513)}) {
         EXPECT_EQ(1, RegKeyPath::Parse(bad, &path, &error)) << bad;
         EXPECT_FALSE(error.empty());
     }
