@@ -140,19 +140,25 @@ void ExportContentRule(const ContentRule& rule, const std::string& path) {
     core::SaveXmlFile(document, path);
 }
 
-int ImportContentRule(ContentRule& rule, const std::string& path) {
+int ImportContentRule(ContentRule& rule, const std::string& path, std::string* why) {
+    auto refuse = [&](int status, std::string text) {
+        if (why != nullptr) {
+            *why = std::move(text);
+        }
+        return status;
+    };
     pugi::xml_document document;
     // Comments and processing instructions are kept so that one after the root is seen. Line
     // ends inside texts are left as written, so a CR LF in a rule text survives the exchange, and
     // so are texts of blanks.
     unsigned options = (pugi::parse_default & ~pugi::parse_eol) | pugi::parse_pi |
                        pugi::parse_comments | pugi::parse_declaration | pugi::parse_ws_pcdata;
-    if (!core::LoadXmlFile(path, options, document)) {
-        return 1;
+    if (std::string problem; !core::LoadXmlFile(path, options, document, &problem)) {
+        return refuse(1, "the file " + problem);
     }
     pugi::xml_node root = document.last_child();
     if (root.type() != pugi::node_element || std::string_view(root.name()) != "MASTER_RULE") {
-        return 1;
+        return refuse(1, "the file does not end with the element MASTER_RULE");
     }
     rule.recurse = ToNumber(root.attribute("RECURSE").value());
     rule.log = ToNumber(root.attribute("LOG").value());
@@ -176,7 +182,25 @@ int ImportContentRule(ContentRule& rule, const std::string& path) {
             }
         }
     }
+    if (std::string problem = ImportedRuleProblem(rule); !problem.empty()) {
+        return refuse(2, std::move(problem));
+    }
     return 0;
+}
+
+std::string ImportedRuleProblem(const ContentRule& rule) {
+    if (rule.name.empty()) {
+        return "the rule has no NAME";
+    }
+    if (rule.name.find('\\') != std::string::npos) {
+        return "the rule's NAME \"" + rule.name + "\" holds a backslash (\"\\\" separates keys)";
+    }
+    if (rule.direction > 1) {
+        return "the rule's DIRECTION is " +
+               std::to_string(static_cast<std::int32_t>(rule.direction)) +
+               "; it must be 0 (incoming) or 1 (outgoing)";
+    }
+    return {};
 }
 
 std::string ProposeExportFileName(std::string_view ruleName) {
@@ -185,7 +209,13 @@ std::string ProposeExportFileName(std::string_view ruleName) {
 
 int ImportRuleIntoList(RuleList& list, const std::string& path, ContentRule** added) {
     auto rule = std::make_unique<ContentRule>();
-    if (ImportContentRule(*rule, path) != 0) {
+    std::string why;
+    if (int status = ImportContentRule(*rule, path, &why); status != 0) {
+        // A file that cannot be read fails silently; a rule that cannot be stored says why.
+        if (status == 2) {
+            core::CurrentMessages().MessageBox("Rule not imported: " + why + ".", "q-Brix",
+                                               core::MB_OK | core::MB_ICONWARNING);
+        }
         return kImportFailed;
     }
     if (std::string problem = RuleStoreProblem(*rule); !problem.empty()) {

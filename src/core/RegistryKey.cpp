@@ -12,10 +12,6 @@ namespace {
 constexpr DWORD kStringBufferSize = 999;
 constexpr DWORD kValueNameBufferSize = 999;
 constexpr DWORD kSubkeyNameBufferSize = 99;
-constexpr DWORD kTreeNameBufferSize = 256;
-// Read values, write values, create and enumerate sub-keys: what a tree deletion needs.
-constexpr REGSAM kTreeAccess =
-    KEY_QUERY_VALUE | KEY_SET_VALUE | KEY_CREATE_SUB_KEY | KEY_ENUMERATE_SUB_KEYS;
 }  // namespace
 
 RegistryKey::RegistryKey(std::string_view suffix, std::string_view rootPath) {
@@ -176,27 +172,7 @@ LONG RegistryKey::SetString(std::string_view name, std::string_view text) {
 }
 
 LONG RegistryKey::DeleteKeyTree(HKEY parent, std::string_view name) {
-    Registry& registry = Current().Reg();
-    HKEY key = nullptr;
-    LONG rc = registry.OpenKeyEx(parent, name, kTreeAccess, &key);
-    if (rc != ERROR_SUCCESS) {
-        return rc;
-    }
-    // Index 0 every time: each deletion renumbers the remaining sub-keys.
-    while (true) {
-        char child[kTreeNameBufferSize];
-        DWORD childSize = sizeof(child);
-        if (registry.EnumKeyEx(key, 0, child, &childSize) != ERROR_SUCCESS) {
-            break;
-        }
-        rc = DeleteKeyTree(key, std::string_view(child, childSize));
-        if (rc != ERROR_SUCCESS) {
-            registry.CloseKey(key);
-            return rc;
-        }
-    }
-    registry.CloseKey(key);
-    return registry.DeleteKey(parent, name);
+    return DeleteRegistryTree(Current().Reg(), parent, name);
 }
 
 std::string StoreFailureText(LONG rc) {

@@ -59,7 +59,8 @@ public:
     LONG SetDword(std::string_view name, DWORD value);
     LONG SetString(std::string_view name, std::string_view text);
 
-    // Deletes the key `name` below `parent` with everything below it.
+    // Deletes the key `name` below `parent` with everything below it, at any depth
+    // (platform::DeleteRegistryTree).
     static LONG DeleteKeyTree(HKEY parent, std::string_view name);
 
 private:

@@ -18,18 +18,21 @@ bool IsSpace(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
 
-std::optional<std::string> ReadWholeFile(const std::string& path) {
+std::optional<std::string> ReadWholeFile(const std::string& path, std::string& why) {
     std::ifstream file(path, std::ios::binary | std::ios::ate);
-    if (!file) {
+    std::streamoff size = file ? static_cast<std::streamoff>(file.tellg()) : -1;
+    if (size < 0) {
+        why = "cannot be read";
         return std::nullopt;
     }
-    std::streamoff size = file.tellg();
-    if (size < 0 || static_cast<std::uint64_t>(size) > kMaxXmlFileBytes) {
+    if (static_cast<std::uint64_t>(size) > kMaxXmlFileBytes) {
+        why = "is larger than " + std::to_string(kMaxXmlFileBytes >> 20) + " MB";
         return std::nullopt;
     }
     std::string bytes(static_cast<std::size_t>(size), '\0');
     file.seekg(0);
     if (size > 0 && !file.read(bytes.data(), size)) {
+        why = "cannot be read";
         return std::nullopt;
     }
     return bytes;
@@ -223,8 +226,10 @@ bool TakeReference(std::string_view text, std::size_t& at) {
 }
 
 // The well-formedness rules pugixml does not check, on the text outside markup, attribute values
-// and the nesting depth. Constructs left open are pugixml's to refuse.
-bool PassesLexicalChecks(std::string_view text) {
+// and the nesting depth, and the depth limit; empty when they pass, else what is wrong.
+// Constructs left open are pugixml's to refuse.
+std::string LexicalProblem(std::string_view text) {
+    constexpr const char* kMalformed = "is not well-formed XML";
     int depth = 0;
     std::size_t at = 0;
     auto skipPast = [&](std::string_view end, std::size_t from) {
@@ -258,10 +263,10 @@ bool PassesLexicalChecks(std::string_view text) {
                     if (c == quote) {
                         quote = 0;
                     } else if (c == '<') {
-                        return false;
+                        return kMalformed;
                     } else if (c == '&') {
                         if (!TakeReference(text, end)) {
-                            return false;
+                            return kMalformed;
                         }
                         --end;
                     }
@@ -271,25 +276,25 @@ bool PassesLexicalChecks(std::string_view text) {
                     break;
                 }
             }
-            if (end < text.size() && text[end - 1] != '/') {
-                ++depth;
+            if (end < text.size() && text[end - 1] != '/' && ++depth > kMaxXmlDepth) {
+                return "nests elements more than " + std::to_string(kMaxXmlDepth) + " levels deep";
             }
             at = end + 1;
         } else if (rest[0] == '&') {
             if (!TakeReference(text, at)) {
-                return false;
+                return kMalformed;
             }
             if (depth <= 0) {
-                return false;
+                return kMalformed;
             }
         } else {
             if ((depth <= 0 && !IsSpace(rest[0])) || rest.starts_with("]]>")) {
-                return false;
+                return kMalformed;
             }
             ++at;
         }
     }
-    return true;
+    return {};
 }
 
 // Duplicate attributes below `node`, found without recursion (the tree may be deep).
@@ -341,17 +346,28 @@ void ConvertTree(pugi::xml_node root, Convert convert) {
 
 }  // namespace
 
-bool LoadXmlFile(const std::string& path, unsigned options, pugi::xml_document& document) {
-    std::optional<std::string> bytes = ReadWholeFile(path);
-    if (!bytes) {
+bool LoadXmlFile(const std::string& path, unsigned options, pugi::xml_document& document,
+                 std::string* why) {
+    std::string problem;
+    auto refuse = [&](std::string text) {
+        if (why != nullptr) {
+            *why = std::move(text);
+        }
         return false;
+    };
+    std::optional<std::string> bytes = ReadWholeFile(path, problem);
+    if (!bytes) {
+        return refuse(problem);
     }
     std::optional<std::string> text = DecodeDocument(*bytes);
-    if (!text || !PassesLexicalChecks(*text)) {
-        return false;
+    if (!text) {
+        return refuse("is in an unsupported encoding or holds bytes invalid in its encoding");
+    }
+    if (std::string lexical = LexicalProblem(*text); !lexical.empty()) {
+        return refuse(std::move(lexical));
     }
     if (!document.load_buffer(text->data(), text->size(), options, pugi::encoding_utf8)) {
-        return false;
+        return refuse("is not well-formed XML");
     }
     int roots = 0;
     for (pugi::xml_node child : document.children()) {
@@ -359,7 +375,7 @@ bool LoadXmlFile(const std::string& path, unsigned options, pugi::xml_document& 
     }
     if (roots != 1 || HasDuplicateAttribute(document)) {
         document.reset();
-        return false;
+        return refuse("is not well-formed XML");
     }
     ConvertTree(document, [](const char* utf8) { return platform::Utf8ToAnsi(utf8); });
     return true;

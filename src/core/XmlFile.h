@@ -14,13 +14,20 @@ namespace qbrix::core {
 // limit keeps a hostile file from taking unbounded memory.
 inline constexpr std::size_t kMaxXmlFileBytes = 16u * 1024u * 1024u;
 
+// Elements nested deeper than this are refused: an exchange file nests four levels, and the
+// limit keeps every walk over a loaded document short whatever the file holds.
+inline constexpr int kMaxXmlDepth = 256;
+
 // Loads the file with pugixml's `options`; false when it is refused: unreadable or too big, in
 // an encoding other than UTF-8, UTF-16, UTF-32 (told by a byte-order mark or the first
 // characters), ISO-8859-1, windows-1252 or US-ASCII (declared), holding bytes invalid in its
-// encoding, or not well-formed (a reference to an undefined entity or an invalid character, '<'
+// encoding, not well-formed (a reference to an undefined entity or an invalid character, '<'
 // in an attribute value, a duplicate attribute, no or two root elements, text outside the root,
-// "]]>" in text). Names and texts of the loaded document are in the program's code page.
-bool LoadXmlFile(const std::string& path, unsigned options, pugi::xml_document& document);
+// "]]>" in text), or nesting elements deeper than kMaxXmlDepth. `*why`, when given, is then set
+// to what is wrong, worded to follow "the file" ("is not well-formed XML"). Names and texts of
+// the loaded document are in the program's code page.
+bool LoadXmlFile(const std::string& path, unsigned options, pugi::xml_document& document,
+                 std::string* why = nullptr);
 
 // Writes a document built with code-page texts, raw, as UTF-8 (XML's default, so no encoding
 // declaration is needed); every code-page text comes back byte for byte. The document's texts

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <string>
+#include <vector>
 
 #include "platform/ComponentLoader.h"
 #include "platform/Security.h"
@@ -29,6 +31,51 @@ Platform::~Platform() = default;
 
 std::string Platform::RunDirectory() const {
     return MakeRunDirectory(m_info.dataRoot);
+}
+
+LONG DeleteRegistryTree(Registry& registry, HKEY parent, std::string_view name) {
+    constexpr REGSAM kAccess =
+        KEY_QUERY_VALUE | KEY_SET_VALUE | KEY_CREATE_SUB_KEY | KEY_ENUMERATE_SUB_KEYS;
+    struct Level {
+        HKEY key;
+        std::string name;  // below the previous level's key (or `parent`)
+    };
+    std::vector<Level> levels;
+    auto closeAll = [&] {
+        for (const Level& level : levels) {
+            registry.CloseKey(level.key);
+        }
+    };
+    HKEY top = nullptr;
+    if (LONG rc = registry.OpenKeyEx(parent, name, kAccess, &top); rc != ERROR_SUCCESS) {
+        return rc;
+    }
+    levels.push_back({top, std::string(name)});
+    while (!levels.empty()) {
+        char child[kMaxKeyNameLength + 1];
+        DWORD childSize = sizeof(child);
+        // Index 0 every time: each deletion renumbers the remaining sub-keys.
+        if (registry.EnumKeyEx(levels.back().key, 0, child, &childSize) == ERROR_SUCCESS) {
+            HKEY next = nullptr;
+            std::string childName(child, childSize);
+            if (LONG rc = registry.OpenKeyEx(levels.back().key, childName, kAccess, &next);
+                rc != ERROR_SUCCESS) {
+                closeAll();
+                return rc;
+            }
+            levels.push_back({next, std::move(childName)});
+            continue;
+        }
+        Level done = std::move(levels.back());
+        levels.pop_back();
+        registry.CloseKey(done.key);
+        HKEY above = levels.empty() ? parent : levels.back().key;
+        if (LONG rc = registry.DeleteKey(above, done.name); rc != ERROR_SUCCESS) {
+            closeAll();
+            return rc;
+        }
+    }
+    return ERROR_SUCCESS;
 }
 
 RegistryTransaction::RegistryTransaction()

@@ -22,6 +22,8 @@ inline HKEY const HKEY_USERS = reinterpret_cast<HKEY>(std::uintptr_t{0x80000003u
 // Longest key name component and value name, in bytes, as the Windows registry allows.
 inline constexpr DWORD kMaxKeyNameLength = 255;
 inline constexpr DWORD kMaxValueNameLength = 16383;
+// Deepest key, in levels below its root, as the Windows registry allows.
+inline constexpr DWORD kMaxKeyDepth = 512;
 
 class Registry {
 public:
@@ -65,6 +67,11 @@ public:
         return ERROR_SUCCESS;
     }
 };
+
+// Deletes the key `name` below `parent` with everything below it, at any depth: the walk keeps
+// its open keys in a list, not on the call stack. Sub-keys go first, always the one at index 0;
+// the first failure ends the walk and is returned.
+LONG DeleteRegistryTree(Registry& registry, HKEY parent, std::string_view name);
 
 // A transaction scope on the installed platform's registry: rolled back unless committed. When
 // it cannot begin (a store locked by another process), the calls inside go through one by one;

@@ -63,17 +63,23 @@ void ExportZone(const ZoneRecord& zone, const std::string& path) {
     core::SaveXmlFile(document, path);
 }
 
-int ImportZone(ZoneRecord& zone, const std::string& path) {
+int ImportZone(ZoneRecord& zone, const std::string& path, std::string* why) {
     pugi::xml_document document;
     // Texts of blanks are kept (a name of blanks survives the exchange), but do not count as a
     // child below.
     unsigned options = pugi::parse_default | pugi::parse_pi | pugi::parse_comments |
                        pugi::parse_declaration | pugi::parse_ws_pcdata;
-    if (!core::LoadXmlFile(path, options, document)) {
+    if (std::string problem; !core::LoadXmlFile(path, options, document, &problem)) {
+        if (why != nullptr) {
+            *why = "the file " + problem;
+        }
         return 1;
     }
     pugi::xml_node root = document.last_child();
     if (root.type() != pugi::node_element || std::string_view(root.name()) != "MASTER_ZONE") {
+        if (why != nullptr) {
+            *why = "the file does not end with the element MASTER_ZONE";
+        }
         return 1;
     }
     zone.result = static_cast<std::uint32_t>(Decimal(root.attribute("RESULT").value()));

@@ -132,6 +132,27 @@ TEST_F(CtlContentTest, ImportRefusesWhatTheStoreCannotReadBack) {
     EXPECT_EQ(m_out.str(), "Zeros\t1\t0\t\n");
 }
 
+TEST_F(CtlContentTest, RulesThatCannotBeStoredAsThemselvesAreRefusedAtImport) {
+    ASSERT_EQ(Rule({"import", Write("keep.xml", kRuleFile)}), 0);
+    const std::pair<std::string, std::string> cases[] = {
+        {"NAME='a\\Main' DIRECTION='0'",
+         "the rule's NAME \"a\\Main\" holds a backslash (\"\\\" separates keys)"},
+        {"NAME='' DIRECTION='1'", "the rule has no NAME"},
+        {"DIRECTION='1'", "the rule has no NAME"},
+        {"NAME='n' DIRECTION='2'",
+         "the rule's DIRECTION is 2; it must be 0 (incoming) or 1 (outgoing)"},
+        {"NAME='n' DIRECTION='-1'", "the rule's DIRECTION is -1"},
+    };
+    for (const auto& [attributes, message] : cases) {
+        std::string file = Write("bad.xml", "<MASTER_RULE " + attributes + "/>");
+        EXPECT_EQ(Rule({"import", file}), 1) << attributes;
+        EXPECT_EQ(m_err.str().rfind("q-brixctl: cannot import " + file + ": " + message, 0), 0u)
+            << m_err.str();
+    }
+    ASSERT_EQ(Rule({"list"}), 0);
+    EXPECT_EQ(m_out.str(), "Zeros\t1\t0\t\n");
+}
+
 TEST_F(CtlContentTest, UnitTestPrintsResults) {
     std::string input = Write("in.txt", "xabbcx");
     ASSERT_EQ(Unit({"test", "--find", "a(b+)c", input}), 0);

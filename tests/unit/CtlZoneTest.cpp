@@ -67,6 +67,10 @@ TEST_F(CtlZoneTest, FailuresAndUsage) {
     std::string bad = m_dir.File("bad.xml");
     std::ofstream(bad) << "<MASTER_ZONE NAME='x'/><!--after-->";
     EXPECT_EQ(Run({"import", bad}), 1);
+    EXPECT_NE(m_err.str().find("'" + bad +
+                               "' holds no zone: the file does not end with the "
+                               "element MASTER_ZONE"),
+              std::string::npos);
     EXPECT_EQ(Run({"export", "EnableAll", m_dir.File("none/x.xml")}), 1);
     EXPECT_EQ(Run({"lan"}), 1);
     EXPECT_NE(m_err.str().find("No Lan found"), std::string::npos);

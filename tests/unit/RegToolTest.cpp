@@ -31,6 +31,14 @@ std::string Dword(DWORD value) {
 std::string Text(const std::string& text) {
     return text + std::string(1, '\0');
 }
+// "HKLM\d\d..." with `levels` levels below the root.
+std::string DeepPath(int levels, const std::string& root = "HKLM") {
+    std::string path = root;
+    for (int i = 0; i < levels; ++i) {
+        path += "\\d";
+    }
+    return path;
+}
 
 class RegToolTest : public ::testing::Test {
   protected:
@@ -170,7 +178,7 @@ TEST(RegKeyPathTest, RootNamesAndPathChecks) {
 
     for (const std::string& bad :
          std::vector<std::string>{"", "HKXX\\a", "\\SOFTWARE", "HKLM\\a\\\\b", "HKLM\\\\",
-                                  "HKLM\\" + std::string(256, 'k')}) {
+                                  "HKLM\\a\\\\", "HKLM\\" + std::string(256, 'k'), DeepPath(513)}) {
         EXPECT_EQ(1, RegKeyPath::Parse(bad, &path, &error)) << bad;
         EXPECT_FALSE(error.empty());
     }
@@ -450,16 +458,23 @@ TEST(RegFileFormatTest, FileHasHeaderSectionsAndCrLfLineEnds) {
     file.Sections().push_back(RegFileSection{key, false, {{"", false, REG_SZ, Text("d"), 0}}, 0});
     file.Sections().push_back(RegFileSection{key.Child("B"), false, {}, 0});
     std::string text;
-    ASSERT_EQ(0, file.Format(&text, &error));
+    file.Format(&text);
     EXPECT_EQ(
         "Windows Registry Editor Version 5.00\r\n\r\n"
         "[HKEY_LOCAL_MACHINE\\A]\r\n@=\"d\"\r\n\r\n"
         "[HKEY_LOCAL_MACHINE\\A\\B]\r\n\r\n",
         text);
 
-    file.Sections()[1].values.push_back({"two\nlines", false, REG_SZ, Text("x"), 0});
-    EXPECT_EQ(1, file.Format(&text, &error));
-    EXPECT_NE(std::string::npos, error.find("cannot be written"));
+    // A name that cannot be written as it is: the note, and every name escaped.
+    file.Sections()[1].values.push_back({"two\nlines 100%", false, REG_SZ, Text("x"), 0});
+    file.Sections()[1].key = key.Child("Caf\xe9");
+    file.Format(&text);
+    EXPECT_EQ(
+        "Windows Registry Editor Version 5.00\r\n"
+        "; q-brix-reg: names hold %XX escapes (XX a byte in hex)\r\n\r\n"
+        "[HKEY_LOCAL_MACHINE\\A]\r\n@=\"d\"\r\n\r\n"
+        "[HKEY_LOCAL_MACHINE\\A\\Caf%E9]\r\n\"two%0Alines 100%25\"=\"x\"\r\n\r\n",
+        text);
 }
 
 TEST(RegFileParseTest, ReadsLfCrLfCommentsDeletionsAndUtf16) {
@@ -523,6 +538,14 @@ TEST_F(RegToolTest, MalformedFilesAreRefusedWithTheirLineAndWriteNothing) {
         {head + "\"b\"=hex:01,\\", "line 5: the value continues past the end"},
         {head + "[-HKLM\\Old]\r\n\"b\"=\"x\"\r\n", "line 6: a value in a section that deletes"},
         {head + "garbage\r\n", "line 5: unexpected text \"garbage\""},
+        {head + "[" + DeepPath(513) + "]\r\n", "line 5: the key is more than 512 levels deep"},
+        {head + std::string("\"a\0b\"=\"x\"\r\n", 12), "line 5: a NUL byte in the line"},
+        {std::string(RegFile::kHeader) + "\r\n" + std::string(RegFile::kEscapeNote) +
+             "\r\n[HKLM\\Good]\r\n\"a%4\"=\"1\"\r\n",
+         "line 4: a % in the value name is not followed by two hex digits"},
+        {std::string(RegFile::kHeader) + "\r\n" + std::string(RegFile::kEscapeNote) +
+             "\r\n[HKLM\\Good%5Cx]\r\n",
+         "line 3: a key name cannot hold a backslash"},
     };
     std::vector<std::string> before = Tree(HKEY_LOCAL_MACHINE, "");
     for (const auto& [content, message] : cases) {
@@ -597,6 +620,71 @@ TEST_F(RegToolTest, ExportDeleteImportRestoresTheTreeByteForByte) {
     EXPECT_EQ(0u, text.rfind("Windows Registry Editor Version "
                              "5.00\r\n\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\korvel-soft\\q-Brix]\r\n",
                              0));
+}
+
+TEST_F(RegToolTest, NamesOfAnyBytesExportEscapedAndImportByteForByte) {
+    // Names in the program's code page (bytes 80 to FF), with "%", line breaks and a NUL (a
+    // store written by other means), next to UTF-8 names and text that is not UTF-8.
+    std::string high;
+    for (int byte = 0x80; byte <= 0xFF; ++byte) {
+        high.push_back(static_cast<char>(byte));
+    }
+    const std::string root = "SOFTWARE\\Names";
+    Set(HKEY_LOCAL_MACHINE, root + "\\" + high, high, REG_SZ, Text(high));
+    Set(HKEY_LOCAL_MACHINE, root + "\\Caf\xe9 100%", "caf\xc3\xa9 %41", REG_SZ, Text("caf\xe9"));
+    Set(HKEY_LOCAL_MACHINE, root + "\\Lines\r\n", std::string("nul\0inside", 10), REG_DWORD,
+        Dword(7));
+    std::vector<std::string> before = Tree(HKEY_LOCAL_MACHINE, root);
+    ASSERT_EQ(7u, before.size());
+
+    const std::string file = m_files.File("names.reg");
+    Result exported = Run({"export", "HKLM\\" + root, file});
+    ASSERT_EQ(0, exported.status) << exported.err;
+    std::string text = test::ReadFile(file);
+    EXPECT_TRUE(IsValidUtf8(text));
+    EXPECT_NE(std::string::npos,
+              text.find("\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Names\\Caf%E9 100%25]\r\n"
+                        "\"caf\xc3\xa9 %2541\"=hex(1):63,61,66,e9,00\r\n"));
+    EXPECT_NE(std::string::npos, text.find("\\Lines%0D%0A]\r\n\"nul%00inside\"=dword:00000007"));
+
+    EXPECT_EQ(0, Run({"delete", "HKLM\\" + root, "/f"}).status);
+    Result imported = Run({"import", file});
+    EXPECT_EQ(0, imported.status) << imported.err;
+    EXPECT_EQ(before, Tree(HKEY_LOCAL_MACHINE, root));
+    const std::string again = m_files.File("again.reg");
+    EXPECT_EQ(0, Run({"export", "HKLM\\" + root, again}).status);
+    EXPECT_EQ(text, test::ReadFile(again));
+
+    // Without the note a file's names are taken as written.
+    std::string plain =
+        WriteFile("plain.reg",
+                  std::string(RegFile::kHeader) + "\r\n\r\n[HKLM\\Plain%41]\r\n\"v%00\"=\"x\"\r\n");
+    EXPECT_EQ(0, Run({"import", plain}).status);
+    EXPECT_EQ(REG_SZ, Get(HKEY_LOCAL_MACHINE, "Plain%41", "v%00").first);
+}
+
+TEST_F(RegToolTest, DeepStoresAreWalkedWithoutRecursion) {
+    // Deeper than a call stack holds, as only a store written by other means can be.
+    const int levels = 50000;
+    std::string deep = DeepPath(levels, "Deep");
+    MakeKey(HKEY_LOCAL_MACHINE, deep);
+    ASSERT_TRUE(Exists(HKEY_LOCAL_MACHINE, deep));
+    // The deepest path the tool takes is 512 levels; query and export stop at that key.
+    const std::string limit = "ERROR: HKEY_LOCAL_MACHINE\\" + DeepPath(511, "Deep") +
+                              " has sub-keys more than 512 levels deep";
+    Result query = Run({"query", "HKLM\\Deep", "/s"});
+    EXPECT_EQ(1, query.status);
+    EXPECT_EQ(0u, query.err.rfind(limit, 0)) << query.err.substr(0, 200);
+    EXPECT_EQ("", query.out);
+    const std::string file = m_files.File("deep.reg");
+    Result exported = Run({"export", "HKLM\\Deep", file});
+    EXPECT_EQ(1, exported.status);
+    EXPECT_EQ(0u, exported.err.rfind(limit, 0));
+    EXPECT_FALSE(std::filesystem::exists(file));
+    // Delete takes the whole tree, at any depth.
+    Result deleted = Run({"delete", "HKLM\\Deep", "/f"});
+    EXPECT_EQ(0, deleted.status) << deleted.err;
+    EXPECT_FALSE(Exists(HKEY_LOCAL_MACHINE, "Deep"));
 }
 
 TEST_F(RegToolTest, CurrentUserTreesRoundTripPerUser) {

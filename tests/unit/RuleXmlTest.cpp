@@ -116,8 +116,9 @@ TEST_F(RuleXmlTest, AttributesAreLenientNumbers) {
               "<MAIN ENABLE='1'><COMMENT ENABLE='7'>c</COMMENT>"
               "<FIND ENABLE='0'>never</FIND><FIND ENABLE='1'>later</FIND></MAIN>"
               "<MAIN ENABLE='0'/><OTHER/></MASTER_RULE>");
+    // Read as far as the file goes, then refused (no name, Direction -1) with its values read.
     ContentRule loaded;
-    ASSERT_EQ(ImportContentRule(loaded, Path()), 0);
+    ASSERT_EQ(ImportContentRule(loaded, Path()), 2);
     EXPECT_EQ(loaded.recurse, 1u);
     EXPECT_EQ(loaded.enable, 0u);
     EXPECT_EQ(loaded.direction, 0xFFFFFFFFu);
@@ -130,7 +131,7 @@ TEST_F(RuleXmlTest, AttributesAreLenientNumbers) {
 
 TEST_F(RuleXmlTest, FindSwitchedOffInFileNeverMatches) {
     WriteFile(Path(),
-              "<MASTER_RULE><MAIN ENABLE='1'><FIND ENABLE='0'>x</FIND></MAIN>"
+              "<MASTER_RULE NAME='n'><MAIN ENABLE='1'><FIND ENABLE='0'>x</FIND></MAIN>"
               "</MASTER_RULE>");
     ContentRule loaded;
     ASSERT_EQ(ImportContentRule(loaded, Path()), 0);
@@ -170,7 +171,7 @@ TEST_F(RuleXmlTest, HostileFilesEndWithoutCrash) {
     ContentRule rule;
     EXPECT_EQ(ImportContentRule(rule, Path()), 1);
 
-    std::string closed = "<MASTER_RULE><SUBST>";
+    std::string closed = "<MASTER_RULE NAME='n'><SUBST>";
     for (int i = 0; i < 100000; ++i)
         closed += "<REGRULE>";
     for (int i = 0; i < 100000; ++i)
@@ -178,8 +179,8 @@ TEST_F(RuleXmlTest, HostileFilesEndWithoutCrash) {
     closed += "</SUBST></MASTER_RULE>";
     WriteFile(Path(), closed);
     ContentRule nested;
-    EXPECT_EQ(ImportContentRule(nested, Path()), 0);
-    EXPECT_EQ(nested.subRules.size(), 1u);
+    EXPECT_EQ(ImportContentRule(nested, Path()), 1);
+    EXPECT_TRUE(nested.subRules.empty());
 
     WriteFile(Path(), "<MASTER_RULE NAME='" + std::string(1 << 20, 'x') + "'/>");
     ContentRule huge;
@@ -230,6 +231,17 @@ TEST_F(RuleXmlTest, ImportIntoListAsksBeforeOverwritingSameNameAnyCase) {
 
     EXPECT_EQ(ImportRuleIntoList(list, Path("missing.xml")), kImportFailed);
     EXPECT_EQ(list.Size(), 2u);
+    EXPECT_EQ(messages.shown.size(), 2u);
+
+    // A rule that could not be stored as itself says why.
+    WriteFile(Path(), "<MASTER_RULE NAME='Up' DIRECTION='2'/>");
+    EXPECT_EQ(ImportRuleIntoList(list, Path()), kImportFailed);
+    EXPECT_EQ(list.Size(), 2u);
+    ASSERT_EQ(messages.shown.size(), 3u);
+    EXPECT_EQ(messages.shown[2].text,
+              "Rule not imported: the rule's DIRECTION is 2; it must be 0 (incoming) or 1 "
+              "(outgoing).");
+    EXPECT_EQ(messages.shown[2].style, core::MB_OK | core::MB_ICONWARNING);
 }
 
 }  // namespace

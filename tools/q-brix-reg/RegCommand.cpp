@@ -1,11 +1,13 @@
 #include "RegCommand.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <istream>
+#include <memory>
 #include <ostream>
 #include <sstream>
 
@@ -250,19 +252,63 @@ LONG ReadKey(HKEY key, KeyContents* contents) {
 
 using KeyVisitor = std::function<void(const RegKeyPath&, const KeyContents&)>;
 
-// The key, then each sub-key's tree in enumeration order.
-LONG VisitTree(HKEY key, const RegKeyPath& path, const KeyVisitor& visit) {
-    KeyContents contents;
-    if (LONG rc = ReadKey(key, &contents); rc != 0) {
-        return rc;
-    }
-    visit(path, contents);
-    for (const std::string& name : contents.subkeys) {
-        OpenedKey child;
-        if (LONG rc = child.Open(key, name, platform::KEY_READ); rc != 0) {
+// What VisitTree returns for a tree deeper than a registry key may be (only a store written by
+// other means holds one).
+constexpr LONG kTreeTooDeep = -1;
+
+std::size_t Depth(const RegKeyPath& path) {
+    const std::string& subKey = path.SubKey();
+    return subKey.empty()
+               ? 0
+               : 1 + static_cast<std::size_t>(std::count(subKey.begin(), subKey.end(), '\\'));
+}
+
+// The key, then each sub-key's tree in enumeration order. The walk keeps its open keys in a
+// list, not on the call stack; a key at platform::kMaxKeyDepth that has sub-keys stops it with
+// kTreeTooDeep and `*tooDeep` set to that key.
+LONG VisitTree(HKEY key, const RegKeyPath& path, const KeyVisitor& visit, RegKeyPath* tooDeep) {
+    struct Level {
+        std::unique_ptr<OpenedKey> opened;  // null for `key`, which the caller owns
+        HKEY key;
+        RegKeyPath path;
+        std::size_t depth;
+        std::vector<std::string> subkeys;
+        std::size_t next = 0;
+    };
+    std::vector<Level> levels;
+    auto enter = [&](std::unique_ptr<OpenedKey> opened, HKEY handle, RegKeyPath at,
+                     std::size_t depth) {
+        KeyContents contents;
+        if (LONG rc = ReadKey(handle, &contents); rc != 0) {
             return rc;
         }
-        if (LONG rc = VisitTree(child.Get(), path.Child(name), visit); rc != 0) {
+        visit(at, contents);
+        levels.push_back(
+            Level{std::move(opened), handle, std::move(at), depth, std::move(contents.subkeys)});
+        return LONG{0};
+    };
+    if (LONG rc = enter(nullptr, key, path, Depth(path)); rc != 0) {
+        return rc;
+    }
+    while (!levels.empty()) {
+        Level& top = levels.back();
+        if (top.next == top.subkeys.size()) {
+            levels.pop_back();
+            continue;
+        }
+        if (top.depth >= platform::kMaxKeyDepth) {
+            *tooDeep = top.path;
+            return kTreeTooDeep;
+        }
+        const std::string& name = top.subkeys[top.next++];
+        auto child = std::make_unique<OpenedKey>();
+        if (LONG rc = child->Open(top.key, name, platform::KEY_READ); rc != 0) {
+            return rc;
+        }
+        HKEY handle = child->Get();
+        RegKeyPath at = top.path.Child(name);
+        std::size_t depth = top.depth + 1;
+        if (LONG rc = enter(std::move(child), handle, std::move(at), depth); rc != 0) {
             return rc;
         }
     }
@@ -324,6 +370,18 @@ int ReportRegistryError(RegConsole& console, LONG rc, const std::string& context
         text = "Error accessing the registry (error " + std::to_string(rc) + ").";
     }
     console.err << "ERROR: " << context << text << "\n";
+    return RegCommand::kFailure;
+}
+
+// The failure of a walk: a tree too deep is named, anything else is the registry's error.
+int ReportWalkError(RegConsole& console, LONG rc, const RegKeyPath& tooDeep) {
+    if (rc != kTreeTooDeep) {
+        return ReportRegistryError(console, rc);
+    }
+    console.err << "ERROR: " << tooDeep.Full() << " has sub-keys more than "
+                << platform::kMaxKeyDepth
+                << " levels deep, deeper than a registry key may be; delete them with "
+                   "\"q-brix-reg delete\"\n";
     return RegCommand::kFailure;
 }
 
@@ -697,6 +755,7 @@ int RegCommand::Query(RegConsole& console) const {
     }
     std::string text;
     LONG rc = 0;
+    RegKeyPath tooDeep;
     if (m_target == Target::Key && !m_recurse) {
         KeyContents contents;
         rc = ReadKey(key.Get(), &contents);
@@ -726,7 +785,7 @@ int RegCommand::Query(RegConsole& console) const {
             }
         };
         if (m_recurse) {
-            rc = VisitTree(key.Get(), path, show);
+            rc = VisitTree(key.Get(), path, show, &tooDeep);
         } else {
             KeyContents contents;
             rc = ReadKey(key.Get(), &contents);
@@ -738,7 +797,7 @@ int RegCommand::Query(RegConsole& console) const {
         text += "\n";
     }
     if (rc != 0) {
-        return ReportRegistryError(console, rc);
+        return ReportWalkError(console, rc, tooDeep);
     }
     console.out << text;
     return kSuccess;
@@ -840,18 +899,18 @@ int RegCommand::Export(RegConsole& console) const {
         return ReportRegistryError(console, rc);
     }
     RegFile file;
-    LONG rc = VisitTree(key.Get(), path, [&](const RegKeyPath& at, const KeyContents& contents) {
-        file.Sections().push_back(RegFileSection{at, false, contents.values, 0});
-    });
+    RegKeyPath tooDeep;
+    LONG rc = VisitTree(
+        key.Get(), path,
+        [&](const RegKeyPath& at, const KeyContents& contents) {
+            file.Sections().push_back(RegFileSection{at, false, contents.values, 0});
+        },
+        &tooDeep);
     if (rc != 0) {
-        return ReportRegistryError(console, rc);
+        return ReportWalkError(console, rc, tooDeep);
     }
     std::string text;
-    std::string error;
-    if (file.Format(&text, &error) != 0) {
-        console.err << "ERROR: " << error << "\n";
-        return kFailure;
-    }
+    file.Format(&text);
     std::ofstream stream(m_file, std::ios::binary | std::ios::trunc);
     if (stream) {
         stream.write(text.data(), static_cast<std::streamsize>(text.size()));

@@ -43,6 +43,43 @@ int HexDigit(char c) {
     return -1;
 }
 
+// The length of the well-formed UTF-8 sequence at `at` (no overlong forms, surrogates or values
+// past U+10FFFF); 0 when the byte there does not start one.
+std::size_t Utf8SequenceLength(std::string_view text, std::size_t at) {
+    auto byte = static_cast<unsigned char>(text[at]);
+    std::size_t length = 0;
+    std::uint32_t code = 0;
+    if (byte < 0x80) {
+        return 1;
+    } else if ((byte & 0xE0) == 0xC0) {
+        length = 2;
+        code = byte & 0x1F;
+    } else if ((byte & 0xF0) == 0xE0) {
+        length = 3;
+        code = byte & 0x0F;
+    } else if ((byte & 0xF8) == 0xF0) {
+        length = 4;
+        code = byte & 0x07;
+    } else {
+        return 0;
+    }
+    if (at + length > text.size()) {
+        return 0;
+    }
+    for (std::size_t k = 1; k < length; ++k) {
+        auto next = static_cast<unsigned char>(text[at + k]);
+        if ((next & 0xC0) != 0x80) {
+            return 0;
+        }
+        code = (code << 6) | (next & 0x3F);
+    }
+    static const std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (code < kSmallest[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
+        return 0;
+    }
+    return length;
+}
+
 bool StartsWithIgnoreCase(std::string_view text, std::string_view prefix) {
     if (text.size() < prefix.size()) {
         return false;
@@ -153,6 +190,44 @@ bool IsWritableName(std::string_view name) {
            IsValidUtf8(name);
 }
 
+// A name as a file with the escape note writes it: "%" as %25, NUL, CR and LF and every byte
+// that is not part of a UTF-8 sequence as %XX; UTF-8 sequences stay as they are.
+std::string EscapeName(std::string_view name) {
+    static const char kDigits[] = "0123456789ABCDEF";
+    std::string escaped;
+    for (std::size_t i = 0; i < name.size();) {
+        auto byte = static_cast<unsigned char>(name[i]);
+        std::size_t length = Utf8SequenceLength(name, i);
+        if (length == 0 || byte == '%' || byte == '\0' || byte == '\r' || byte == '\n') {
+            escaped.push_back('%');
+            escaped.push_back(kDigits[byte >> 4]);
+            escaped.push_back(kDigits[byte & 0xF]);
+            ++i;
+        } else {
+            escaped.append(name.substr(i, length));
+            i += length;
+        }
+    }
+    return escaped;
+}
+
+// The bytes of a name written with %XX escapes; false for a "%" not followed by two hex digits.
+bool UnescapeName(std::string_view text, std::string* name) {
+    name->clear();
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            name->push_back(text[i]);
+            continue;
+        }
+        if (i + 2 >= text.size() || HexDigit(text[i + 1]) < 0 || HexDigit(text[i + 2]) < 0) {
+            return false;
+        }
+        name->push_back(static_cast<char>(HexDigit(text[i + 1]) * 16 + HexDigit(text[i + 2])));
+        i += 2;
+    }
+    return true;
+}
+
 std::string HexNumber(DWORD value, int width) {
     static const char kDigits[] = "0123456789abcdef";
     std::string text;
@@ -189,6 +264,7 @@ class Parser {
     std::vector<std::string_view> m_lines;
     std::size_t m_index = 0;
     std::string m_error;
+    bool m_escaped = false;  // the escape note came before the first key line
 };
 
 int Parser::Run(RegFile* file, std::string* error) {
@@ -201,10 +277,14 @@ int Parser::Run(RegFile* file, std::string* error) {
     for (m_index = 1; m_index < m_lines.size(); ++m_index) {
         std::string_view line = TrimLeft(m_lines[m_index]);
         int rc = 0;
-        if (line.empty() || line.front() == ';') {
+        if (line.find('\0') != std::string_view::npos) {
+            rc = Fail(m_index, "a NUL byte in the line (a .reg file is text)");
+        } else if (line.empty() || line.front() == ';') {
+            if (file->Sections().empty() && TrimRight(line) == RegFile::kEscapeNote) {
+                m_escaped = true;
+            }
             continue;
-        }
-        if (line.front() == '[') {
+        } else if (line.front() == '[') {
             RegFileSection section;
             section.line = static_cast<int>(m_index + 1);
             rc = ParseSection(line, &section);
@@ -245,6 +325,27 @@ int Parser::ParseSection(std::string_view line, RegFileSection* section) {
     if (!inner.empty() && inner.front() == '-') {
         section->remove = true;
         inner.remove_prefix(1);
+    }
+    std::string unescaped;
+    if (m_escaped) {
+        // Component by component, so that an escaped byte never splits the path.
+        for (std::size_t start = 0;;) {
+            std::size_t cut = inner.find('\\', start);
+            std::string part;
+            if (!UnescapeName(inner.substr(start, cut - start), &part)) {
+                return Fail(m_index, "a % in the key name is not followed by two hex digits");
+            }
+            if (part.find('\\') != std::string::npos) {
+                return Fail(m_index, "a key name cannot hold a backslash (%5C)");
+            }
+            unescaped += part;
+            if (cut == std::string_view::npos) {
+                break;
+            }
+            unescaped += '\\';
+            start = cut + 1;
+        }
+        inner = unescaped;
     }
     std::string why;
     if (RegKeyPath::Parse(inner, &section->key, &why) != 0) {
@@ -287,6 +388,8 @@ int Parser::ParseValue(std::string_view line, RegFileValue* value) {
         rest = line.substr(1);
     } else if (ParseQuoted(line, &value->name, &rest, "value name") != 0) {
         return 1;
+    } else if (m_escaped && !UnescapeName(std::string(value->name), &value->name)) {
+        return Fail(m_index, "a % in the value name is not followed by two hex digits");
     }
     if (value->name.size() > platform::kMaxValueNameLength) {
         return Fail(m_index, "the value name is longer than 16383 bytes");
@@ -402,38 +505,9 @@ int Parser::ParseHexBytes(std::string_view text, std::string* out) {
 }  // namespace
 
 bool IsValidUtf8(std::string_view text) {
-    std::size_t i = 0;
-    while (i < text.size()) {
-        auto byte = static_cast<unsigned char>(text[i]);
-        std::size_t length = 0;
-        std::uint32_t code = 0;
-        if (byte < 0x80) {
-            ++i;
-            continue;
-        } else if ((byte & 0xE0) == 0xC0) {
-            length = 2;
-            code = byte & 0x1F;
-        } else if ((byte & 0xF0) == 0xE0) {
-            length = 3;
-            code = byte & 0x0F;
-        } else if ((byte & 0xF8) == 0xF0) {
-            length = 4;
-            code = byte & 0x07;
-        } else {
-            return false;
-        }
-        if (i + length > text.size()) {
-            return false;
-        }
-        for (std::size_t k = 1; k < length; ++k) {
-            auto next = static_cast<unsigned char>(text[i + k]);
-            if ((next & 0xC0) != 0x80) {
-                return false;
-            }
-            code = (code << 6) | (next & 0x3F);
-        }
-        static const std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (code < kSmallest[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
+    for (std::size_t i = 0; i < text.size();) {
+        std::size_t length = Utf8SequenceLength(text, i);
+        if (length == 0) {
             return false;
         }
         i += length;
@@ -447,8 +521,9 @@ int RegFile::Parse(std::string_view content, RegFile* file, std::string* error) 
     return parser.Run(file, error);
 }
 
-std::string RegFile::FormatValue(const RegFileValue& value) {
-    std::string line = value.name.empty() ? "@=" : Quote(value.name) + "=";
+std::string RegFile::FormatValue(const RegFileValue& value, bool escapeName) {
+    std::string line =
+        value.name.empty() ? "@=" : Quote(escapeName ? EscapeName(value.name) : value.name) + "=";
     if (value.remove) {
         return line + "-";
     }
@@ -483,33 +558,43 @@ std::string RegFile::FormatValue(const RegFileValue& value) {
     return line;
 }
 
-int RegFile::Format(std::string* text, std::string* error) const {
+void RegFile::Format(std::string* text) const {
+    // Names go as they are unless one of them cannot; then every name is escaped and the note
+    // says so.
+    bool escape = false;
+    for (const RegFileSection& section : m_sections) {
+        escape = escape || !IsWritableName(section.key.SubKey());
+        for (const RegFileValue& value : section.values) {
+            escape = escape || !IsWritableName(value.name);
+        }
+    }
     std::string out(kHeader);
     out += kLineEnd;
+    if (escape) {
+        out += kEscapeNote;
+        out += kLineEnd;
+    }
     out += kLineEnd;
     for (const RegFileSection& section : m_sections) {
-        std::string full = section.key.Full();
-        if (!IsWritableName(full)) {
-            *error = "the key name \"" + full + "\" cannot be written to a .reg file";
-            return 1;
-        }
         out += section.remove ? "[-" : "[";
-        out += full;
+        out += section.key.RootName();
+        // Component by component: a stored name never holds a backslash.
+        std::string_view rest = section.key.SubKey();
+        while (!rest.empty()) {
+            std::size_t cut = rest.find('\\');
+            out += '\\';
+            out += escape ? EscapeName(rest.substr(0, cut)) : std::string(rest.substr(0, cut));
+            rest = cut == std::string_view::npos ? std::string_view() : rest.substr(cut + 1);
+        }
         out += "]";
         out += kLineEnd;
         for (const RegFileValue& value : section.values) {
-            if (!IsWritableName(value.name)) {
-                *error = "the value name \"" + value.name + "\" under " + full +
-                         " cannot be written to a .reg file";
-                return 1;
-            }
-            out += FormatValue(value);
+            out += FormatValue(value, escape);
             out += kLineEnd;
         }
         out += kLineEnd;
     }
     *text = std::move(out);
-    return 0;
 }
 
 }  // namespace qbrix::tools

@@ -31,19 +31,27 @@ struct RegFileSection {
 class RegFile {
   public:
     static constexpr std::string_view kHeader = "Windows Registry Editor Version 5.00";
+    // The comment that makes the key and value names of a file hold %XX escapes, each the byte
+    // with the hex value XX. Written after the header when a name cannot be written as it is;
+    // read when it comes before the first key line.
+    static constexpr std::string_view kEscapeNote =
+        "; q-brix-reg: names hold %XX escapes (XX a byte in hex)";
 
     // Parses and validates a whole file. 0 on success; 1 with `*error` set to
     // "line N: <what is wrong>" for the first fault, leaving `*file` unspecified.
     static int Parse(std::string_view content, RegFile* file, std::string* error);
 
-    // The file text. 1 with `*error` set when a key or value name cannot be written in this
-    // format (line breaks, NUL or bytes that are not UTF-8 in it).
-    int Format(std::string* text, std::string* error) const;
+    // The file text, valid UTF-8 whatever the names hold. When a key or value name holds bytes
+    // that are not UTF-8, a NUL, CR or LF, the escape note follows the header and every name
+    // is written escaped: "%" as %25, those bytes as %XX, UTF-8 sequences as they are. Parse
+    // gives back the same bytes.
+    void Format(std::string* text) const;
 
     // One value as its line(s) without the final line end: text values as "..." when their
     // bytes are a clean text with its terminator, 4-byte REG_DWORD as dword:, REG_BINARY as
-    // hex:, everything else as hex(N): so that the bytes come back exactly.
-    static std::string FormatValue(const RegFileValue& value);
+    // hex:, everything else as hex(N): so that the bytes come back exactly. The name is written
+    // escaped when `escapeName`.
+    static std::string FormatValue(const RegFileValue& value, bool escapeName = false);
 
     std::vector<RegFileSection>& Sections() { return m_sections; }
     const std::vector<RegFileSection>& Sections() const { return m_sections; }

@@ -43,8 +43,15 @@ int RegKeyPath::Parse(std::string_view text, RegKeyPath* path, std::string* erro
     if (rest.size() > 1 && rest.back() == '\\') {
         rest.remove_suffix(1);
     }
+    // Every component, the one after a last backslash included (so "a\\" is refused).
     std::string_view scan = rest;
-    while (!scan.empty()) {
+    std::size_t depth = 0;
+    for (bool more = !rest.empty(); more;) {
+        if (++depth > platform::kMaxKeyDepth) {
+            *error = "the key is more than " + std::to_string(platform::kMaxKeyDepth) +
+                     " levels deep, deeper than a registry key may be";
+            return 1;
+        }
         std::size_t next = scan.find('\\');
         std::string_view part = scan.substr(0, next);
         if (part.empty()) {
@@ -55,7 +62,8 @@ int RegKeyPath::Parse(std::string_view text, RegKeyPath* path, std::string* erro
             *error = "a key name component is longer than 255 bytes";
             return 1;
         }
-        scan = next == std::string_view::npos ? std::string_view() : scan.substr(next + 1);
+        more = next != std::string_view::npos;
+        scan = more ? scan.substr(next + 1) : std::string_view();
     }
     path->m_root = found->root;
     path->m_rootName = found->longName;

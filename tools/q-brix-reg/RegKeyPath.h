@@ -12,8 +12,9 @@ namespace qbrix::tools {
 class RegKeyPath {
   public:
     // Accepts HKLM, HKCU, HKCR, HKU and their HKEY_... forms in any case, then an optional
-    // "\path". A single trailing backslash is dropped; empty components and components longer
-    // than a key name may be are refused. 0 on success, 1 with `*error` set otherwise.
+    // "\path". A single trailing backslash is dropped; empty components, components longer
+    // than a key name may be and paths deeper than platform::kMaxKeyDepth are refused. 0 on
+    // success, 1 with `*error` set otherwise.
     static int Parse(std::string_view text, RegKeyPath* path, std::string* error);
 
     platform::HKEY Root() const { return m_root; }

@@ -137,8 +137,9 @@ int RuleTest(const Parsed& parsed, std::size_t row, std::ostream& out, std::ostr
     const ContentRule* rule = nullptr;
     if (auto file = parsed.options.find("--file"); file != parsed.options.end()) {
         owned = std::make_unique<ContentRule>();
-        if (ImportContentRule(*owned, file->second) != 0) {
-            err << "q-brixctl: cannot import " << file->second << "\n";
+        // A rule that could not be stored (status 2) can still be tested.
+        if (std::string why; ImportContentRule(*owned, file->second, &why) == 1) {
+            err << "q-brixctl: cannot import " << file->second << ": " << why << "\n";
             return 1;
         }
         rule = owned.get();
@@ -229,8 +230,8 @@ int RunRuleCommand(const std::vector<std::string>& args, std::ostream& out, std:
             return Usage(err, "rule import needs FILE");
         }
         auto rule = std::make_unique<ContentRule>();
-        if (ImportContentRule(*rule, parsed.words[1]) != 0) {
-            err << "q-brixctl: cannot import " << parsed.words[1] << "\n";
+        if (std::string why; ImportContentRule(*rule, parsed.words[1], &why) != 0) {
+            err << "q-brixctl: cannot import " << parsed.words[1] << ": " << why << "\n";
             return 1;
         }
         if (std::string problem = RuleStoreProblem(*rule); !problem.empty()) {

@@ -134,8 +134,8 @@ int Export(const std::string& name, const std::string& file, std::ostream& err) 
 
 int Import(const std::string& file, bool overwrite, std::ostream& err) {
     ZoneRecord zone = policy::EmptyZone();
-    if (policy::ImportZone(zone, file) != 0) {
-        return Failed(err, "'" + file + "' holds no zone (missing, unreadable or not a zone file)");
+    if (std::string why; policy::ImportZone(zone, file, &why) != 0) {
+        return Failed(err, "'" + file + "' holds no zone: " + why);
     }
     return Modify(err, [&] {
         for (std::size_t i = 0; i < g_zones.Size(); ++i) {

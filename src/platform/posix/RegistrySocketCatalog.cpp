@@ -282,28 +282,6 @@ bool WantedProtocol(const int* protocols, int protocol) {
     return false;
 }
 
-// Deletes a key with everything below it.
-LONG DeleteTree(HKEY parent, std::string_view name) {
-    Registry& reg = Current().Reg();
-    {
-        ScopedKey key;
-        if (LONG rc = reg.OpenKeyEx(parent, name, KEY_ALL_ACCESS, key.Out()); rc != 0) {
-            return rc;
-        }
-        for (;;) {
-            char child[kMaxKeyNameLength + 1];
-            DWORD childSize = sizeof(child);
-            if (reg.EnumKeyEx(key.Get(), 0, child, &childSize) != 0) {
-                break;
-            }
-            if (LONG rc = DeleteTree(key.Get(), std::string_view(child, childSize)); rc != 0) {
-                return rc;
-            }
-        }
-    }
-    return reg.DeleteKey(parent, name);
-}
-
 int Fail(int* errorCode, int code) {
     *errorCode = code;
     return SOCKET_ERROR;
@@ -506,7 +484,7 @@ int ResetSocketCatalog() {
         ScopedKey root;
         LONG rc = reg.OpenKeyEx(HKEY_LOCAL_MACHINE, kCatalogPath, KEY_ALL_ACCESS, root.Out());
         if (rc == 0) {
-            rc = DeleteTree(root.Get(), kEntriesKey);
+            rc = DeleteRegistryTree(reg, root.Get(), kEntriesKey);
         }
         if (rc != 0 && rc != static_cast<LONG>(ERROR_FILE_NOT_FOUND)) {
             return WSANO_RECOVERY;

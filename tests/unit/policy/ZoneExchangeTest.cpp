@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <map>
 #include <pugixml.hpp>
 
 #include "PolicyTestSupport.h"
@@ -179,7 +180,24 @@ struct DocumentCase {
     bool refused;
     const char* name = "";  // the root's NAME, in the code page
     const char* text = "";  // the text element's whole text
+    const char* why = "";   // what a refusal says
 };
+
+// The text element holding `levels` nested elements around "x".
+const char* Nested(int levels) {
+    static std::map<int, std::string> documents;
+    std::string& document = documents[levels];
+    document = "<%R NAME='a'><%U><%E>";
+    for (int i = 0; i < levels; ++i) {
+        document += "<i>";
+    }
+    document += "x";
+    for (int i = 0; i < levels; ++i) {
+        document += "</i>";
+    }
+    document += "</%E></%U></%R>";
+    return document.c_str();
+}
 
 std::string Encode(const std::string& text, Encoding encoding) {
     std::u16string wide = platform::Utf8ToUtf16(text);
@@ -236,11 +254,18 @@ TEST_P(ExchangeDocumentTest, BothImportersRefuseOrDecodeAlike) {
     std::string path = m_dir.File("document.xml");
     std::ofstream(path, std::ios::binary) << Encode(Fill(c.document, true), c.encoding);
     ZoneRecord zone = EmptyZone();
-    EXPECT_EQ(ImportZone(zone, path), c.refused ? 1 : 0);
+    std::string zoneWhy;
+    EXPECT_EQ(ImportZone(zone, path, &zoneWhy), c.refused ? 1 : 0);
     std::ofstream(path, std::ios::binary | std::ios::trunc)
         << Encode(Fill(c.document, false), c.encoding);
     content::ContentRule rule;
-    EXPECT_EQ(content::ImportContentRule(rule, path), c.refused ? 1 : 0);
+    std::string ruleWhy;
+    EXPECT_EQ(content::ImportContentRule(rule, path, &ruleWhy), c.refused ? 1 : 0);
+    EXPECT_EQ(zoneWhy.empty(), !c.refused);
+    if (*c.why != '\0') {
+        EXPECT_EQ(zoneWhy, c.why);
+        EXPECT_EQ(ruleWhy, c.why);
+    }
     if (!c.refused) {
         EXPECT_EQ(ZoneName(zone), c.name);
         EXPECT_EQ(RuleName(zone.rules[0]), c.text);
@@ -264,7 +289,8 @@ INSTANTIATE_TEST_SUITE_P(
                      "<%R NAME='&lt;&#233;&#x20AC;&#x100;'><%U><%E>&amp;&apos;</%E></%U></%R>",
                      false, "<\xE9\x80?", "&'"},
         DocumentCase{"UndefinedEntityInText", Encoding::kAsIs,
-                     "<%R NAME='a'><%U><%E>&nbsp;</%E></%U></%R>", true},
+                     "<%R NAME='a'><%U><%E>&nbsp;</%E></%U></%R>", true, "", "",
+                     "the file is not well-formed XML"},
         DocumentCase{"UndefinedEntityInAttribute", Encoding::kAsIs, "<%R NAME='&foo;'/>", true},
         DocumentCase{"NulReference", Encoding::kAsIs, "<%R NAME='&#0;'/>", true},
         DocumentCase{"LessThanInAttribute", Encoding::kAsIs, "<%R NAME='a<b'/>", true},
@@ -274,7 +300,9 @@ INSTANTIATE_TEST_SUITE_P(
         DocumentCase{"TextBeforeRoot", Encoding::kAsIs, "text<%R NAME='a'/>", true},
         DocumentCase{"Utf8", Encoding::kAsIs, "<%R NAME='\xC3\xA9\xE2\x82\xAC\xC4\x80'/>", false,
                      "\xE9\x80?"},
-        DocumentCase{"InvalidUtf8", Encoding::kAsIs, "<%R NAME='\xE9'/>", true},
+        DocumentCase{"InvalidUtf8", Encoding::kAsIs, "<%R NAME='\xE9'/>", true, "", "",
+                     "the file is in an unsupported encoding or holds bytes invalid in its "
+                     "encoding"},
         DocumentCase{"InvalidDeclaredUtf8", Encoding::kAsIs,
                      "<?xml version='1.0' encoding='UTF-8'?><%R NAME='\xC3'/>", true},
         DocumentCase{"Utf8Mark", Encoding::kUtf8Mark, "<%R NAME='\xC3\xA9'/>", false, "\xE9"},
@@ -299,7 +327,10 @@ INSTANTIATE_TEST_SUITE_P(
         DocumentCase{"UnsupportedEncoding", Encoding::kAsIs,
                      "<?xml version='1.0' encoding='KOI8-R'?><%R NAME='a'/>", true},
         DocumentCase{"MarkAndDeclarationDisagree", Encoding::kUtf8Mark,
-                     "<?xml version='1.0' encoding='ISO-8859-1'?><%R NAME='a'/>", true}),
+                     "<?xml version='1.0' encoding='ISO-8859-1'?><%R NAME='a'/>", true},
+        DocumentCase{"NestedToTheLimit", Encoding::kAsIs, Nested(253), false, "a", "x"},
+        DocumentCase{"NestedTooDeep", Encoding::kAsIs, Nested(60000), true, "", "",
+                     "the file nests elements more than 256 levels deep"}),
     [](const ::testing::TestParamInfo<DocumentCase>& info) { return info.param.label; });
 
 }  // namespace
