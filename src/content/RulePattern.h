@@ -6,7 +6,9 @@
 #include <regex.h>
 
 #include <cstddef>
+#include <utility>
 
+#include "content/RequiredLiterals.h"
 #include "platform/WinTypes.h"
 
 namespace qbrix::content {
@@ -28,17 +30,22 @@ class RulePattern {
     // need the zero-byte limit of the text before they are searched.
     bool LooksPastMatchEnd() const { return m_looksPastMatchEnd; }
     void SetLooksPastMatchEnd(bool value) { m_looksPastMatchEnd = value; }
+    // What every match must contain; a search of a text without it is skipped.
+    const RequiredLiterals& Literals() const { return m_literals; }
+    void SetLiterals(RequiredLiterals literals) { m_literals = std::move(literals); }
     void Free() {
         if (m_compiled != 0) {
             regfree(&m_regex);
             m_compiled = 0;
         }
+        m_literals = RequiredLiterals();
     }
 
   private:
     platform::DWORD m_compiled = 0;
     regex_t m_regex{};
     bool m_looksPastMatchEnd = true;
+    RequiredLiterals m_literals;
 };
 
 }  // namespace qbrix::content
