@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "content/ContentRule.h"
+#include "content/RequiredLiterals.h"
 #include "content/RuleEngine.h"
 #include "content/TestLog.h"
 
@@ -361,6 +362,46 @@ void BM_ProtocolEngine(benchmark::State& state) {
     qbrix::content::ResetTestLog();
 }
 
+// The same run with the prefilter switched off: what the engine costs on its own.
+void BM_ProtocolEngineUnfiltered(benchmark::State& state) {
+    if (!ProtocolOutputsAgree(state)) {
+        return;
+    }
+    qbrix::content::SetRequiredLiteralsEnabled(false);
+    std::size_t found = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(ProtocolByEngine(Page(), found));
+    }
+    qbrix::content::SetRequiredLiteralsEnabled(true);
+    qbrix::content::ResetTestLog();
+}
+
+// Loading 1,000 rules: the engine's compilation (with the derivation of the required literals)
+// against plain regcomp of the same expressions.
+void BM_CompileEngine(benchmark::State& state) {
+    const std::vector<ProtocolRule> rules = ProtocolRules();
+    for (auto _ : state) {
+        std::vector<qbrix::content::RulePattern> patterns(1000);
+        for (std::size_t i = 0; i < patterns.size(); ++i) {
+            qbrix::content::CompilePattern(patterns[i], rules[i % rules.size()].find);
+        }
+        benchmark::DoNotOptimize(patterns.data());
+    }
+}
+
+void BM_CompileGlibc(benchmark::State& state) {
+    const std::vector<ProtocolRule> rules = ProtocolRules();
+    for (auto _ : state) {
+        std::vector<regex_t> patterns(1000);
+        for (std::size_t i = 0; i < patterns.size(); ++i) {
+            regcomp(&patterns[i], rules[i % rules.size()].find.c_str(), REG_EXTENDED | REG_ICASE);
+        }
+        for (regex_t& regex : patterns) {
+            regfree(&regex);
+        }
+    }
+}
+
 void BM_ProtocolGlibc(benchmark::State& state) {
     if (!ProtocolOutputsAgree(state)) {
         return;
@@ -443,7 +484,13 @@ int main(int argc, char** argv) {
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("protocol50/engine", BM_ProtocolEngine)
         ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("protocol50/engine-unfiltered", BM_ProtocolEngineUnfiltered)
+        ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("protocol50/regexec", BM_ProtocolGlibc)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("compile1000/engine", BM_CompileEngine)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("compile1000/regcomp", BM_CompileGlibc)
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("cannot-match/engine", BM_CannotMatchEngine)
         ->Unit(benchmark::kMicrosecond);

@@ -19,6 +19,7 @@ std::atomic<bool> g_enabled{true};
 constexpr std::size_t kMaxAlternatives = 16;
 constexpr std::size_t kMaxLiteral = 64;
 constexpr std::size_t kMaxRequirements = 4;
+constexpr std::size_t kMaxKeptBytes = 512;  // literal bytes kept per expression
 constexpr int kMaxDepth = 64;
 
 using Set = std::vector<std::string>;  // folded literals
@@ -423,11 +424,18 @@ RequiredLiterals RequiredLiterals::Derive(const char* expression) {
         return result;
     std::vector<Set> sets = AsRequirements(*info);
     std::stable_sort(sets.begin(), sets.end(), Better);
+    std::size_t kept = 0;
     for (const Set& set : sets) {
         if (set.empty() || HoldsEmpty(set))
             continue;
         if (result.m_requirements.size() == kMaxRequirements)
             break;
+        std::size_t bytes = 0;
+        for (const std::string& s : set)
+            bytes += s.size();
+        if (kept + bytes > kMaxKeptBytes)
+            continue;
+        kept += bytes;
         Alternatives alternatives;
         for (const std::string& s : set)
             alternatives.push_back(MakeLiteral(s));
