@@ -3,7 +3,7 @@
 // expression and the text (the text keeps any further zero bytes); the first byte picks Recurse,
 // a replacement and a sub-rule searching the same expression. Recurse is used only when the
 // expression can never match an empty stretch, as such a Recurse rule never ends by design.
-// Expressions with a back-reference are left out.
+// Expressions with a back-reference or more than 12 repetition operators are left out.
 #include <regex.h>
 
 #include <cstdint>
@@ -77,13 +77,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string find = input.substr(0, zero);
     std::string text = input.substr(zero + 1);
     // Back-references leave an expression without a prefilter (the unit tests show it), and the
-    // library can take minutes over them, which would only slow the comparison down.
+    // library can take minutes over them or over many stacked repetitions even on a short text
+    // (the search without the prefilter), which would only slow the comparison down.
     std::string expanded = qbrix::content::ExpandPatternEscapes(find);
-    for (std::size_t at = expanded.find('\\'); at != std::string::npos;
-         at = expanded.find('\\', at + 1)) {
-        if (at + 1 < expanded.size() && expanded[at + 1] >= '1' && expanded[at + 1] <= '9') {
+    std::size_t repetitions = 0;
+    for (std::size_t at = 0; at < expanded.size(); ++at) {
+        char c = expanded[at];
+        repetitions += (c == '*' || c == '+' || c == '?' || c == '{') ? 1 : 0;
+        if (c == '\\' && at + 1 < expanded.size() && expanded[at + 1] >= '1' &&
+            expanded[at + 1] <= '9') {
             return 0;
         }
+    }
+    if (repetitions > 12) {
+        return 0;
     }
 
     std::vector<RegRule> subs;
