@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "content/ContentRule.h"
+#include "content/RequiredLiterals.h"
 #include "content/RuleEngine.h"
 #include "content/TestLog.h"
 
@@ -245,6 +246,214 @@ void BM_RecurseMemmem(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * input.size()));
 }
 
+// The rules of one protocol over one page: 2 rules that match (the title, rewritten once, and
+// every ad-server image, removed with Recurse) and 48 ad and tracker expressions that cannot
+// match the page. The engine runs them one after another on the same text; the baseline compiles
+// the same expressions with plain regcomp and applies them with regexec and a splice per match.
+struct ProtocolRule {
+    std::string find;
+    std::string replacement;
+    int recurse;
+};
+
+std::vector<ProtocolRule> ProtocolRules() {
+    std::vector<ProtocolRule> rules = {{"<title>([^<]*)</title>", "Filtered", 0},
+                                       {"<img[^>]*ads\\.example\\.net[^>]*>", "", 1}};
+    const char* names[] = {"doubleclick", "adserver", "sponsor",    "popunder",
+                           "affiliate",   "adfarm",   "clicktrack", "webbug",
+                           "counter",     "hitbox",   "statcount",  "flashad"};
+    const char* shapes[] = {"<img[^>]*%[^>]*>", "<script[^>]*%[^>]*></script>",
+                            "<a [^>]*href=\"[^\"]*%[^\"]*\"[^>]*>", "<iframe[^>]*%[^>]*>"};
+    for (const char* shape : shapes) {
+        for (const char* name : names) {
+            std::string find = shape;
+            find.replace(find.find('%'), 1, name);
+            rules.push_back({find, " ", 0});
+        }
+    }
+    return rules;
+}
+
+struct ProtocolSet {
+    std::vector<std::unique_ptr<ContentRule>> engine;
+    std::vector<regex_t> plain;
+    std::vector<ProtocolRule> rules;
+};
+
+const ProtocolSet& SharedProtocolSet() {
+    static const ProtocolSet set = [] {
+        ProtocolSet built;
+        built.rules = ProtocolRules();
+        built.plain.resize(built.rules.size());
+        for (std::size_t i = 0; i < built.rules.size(); ++i) {
+            const ProtocolRule& rule = built.rules[i];
+            built.engine.push_back(MakeRule(Unit(rule.find, rule.replacement, true), rule.recurse));
+            regcomp(&built.plain[i], rule.find.c_str(), REG_EXTENDED | REG_ICASE);
+        }
+        return built;
+    }();
+    return set;
+}
+
+// One rule as plain glibc applies it: regexec from the current position, the last group's slot
+// spliced with the replacement, again after it for a Recurse rule.
+bool PlainApply(const regex_t& regex, const ProtocolRule& rule, std::string& text) {
+    regmatch_t slots[qbrix::content::kMatchSlots];
+    std::size_t pos = 0;
+    bool found = false;
+    do {
+        slots[0].rm_so = 0;
+        slots[0].rm_eo = static_cast<regoff_t>(text.size() - pos);
+        if (regexec(&regex, text.data() + pos, qbrix::content::kMatchSlots, slots, REG_STARTEND) !=
+            0) {
+            break;
+        }
+        const regmatch_t& slot = slots[regex.re_nsub];
+        if (slot.rm_so == -1) {
+            break;
+        }
+        found = true;
+        text.replace(pos + slot.rm_so, slot.rm_eo - slot.rm_so, rule.replacement);
+        pos += slot.rm_so + rule.replacement.size();
+    } while (rule.recurse == 1 && pos < text.size());
+    return found;
+}
+
+std::string ProtocolByEngine(const std::string& page, std::size_t& found) {
+    std::string text = page;
+    found = 0;
+    for (const auto& rule : SharedProtocolSet().engine) {
+        found += ApplyContentRule(*rule, text) >= qbrix::content::kRuleFound ? 1 : 0;
+    }
+    return text;
+}
+
+std::string ProtocolByGlibc(const std::string& page, std::size_t& found) {
+    const ProtocolSet& set = SharedProtocolSet();
+    std::string text = page;
+    found = 0;
+    for (std::size_t i = 0; i < set.rules.size(); ++i) {
+        found += PlainApply(set.plain[i], set.rules[i], text) ? 1 : 0;
+    }
+    return text;
+}
+
+// Both sides once before timing: the outputs must be byte-identical and 2 of the 50 rules match.
+bool ProtocolOutputsAgree(benchmark::State& state) {
+    std::size_t engineFound = 0;
+    std::size_t plainFound = 0;
+    bool same = ProtocolByEngine(Page(), engineFound) == ProtocolByGlibc(Page(), plainFound);
+    qbrix::content::ResetTestLog();
+    if (!same || engineFound != 2 || plainFound != 2) {
+        state.SkipWithError("engine and glibc outputs differ");
+        return false;
+    }
+    return true;
+}
+
+void BM_ProtocolEngine(benchmark::State& state) {
+    if (!ProtocolOutputsAgree(state)) {
+        return;
+    }
+    std::size_t found = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(ProtocolByEngine(Page(), found));
+    }
+    qbrix::content::ResetTestLog();
+}
+
+// The same run with the prefilter switched off: what the engine costs on its own.
+void BM_ProtocolEngineUnfiltered(benchmark::State& state) {
+    if (!ProtocolOutputsAgree(state)) {
+        return;
+    }
+    qbrix::content::SetRequiredLiteralsEnabled(false);
+    std::size_t found = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(ProtocolByEngine(Page(), found));
+    }
+    qbrix::content::SetRequiredLiteralsEnabled(true);
+    qbrix::content::ResetTestLog();
+}
+
+// Loading 1,000 rules: the engine's compilation (with the derivation of the required literals)
+// against plain regcomp of the same expressions.
+void BM_CompileEngine(benchmark::State& state) {
+    const std::vector<ProtocolRule> rules = ProtocolRules();
+    for (auto _ : state) {
+        std::vector<qbrix::content::RulePattern> patterns(1000);
+        for (std::size_t i = 0; i < patterns.size(); ++i) {
+            qbrix::content::CompilePattern(patterns[i], rules[i % rules.size()].find);
+        }
+        benchmark::DoNotOptimize(patterns.data());
+    }
+}
+
+void BM_CompileGlibc(benchmark::State& state) {
+    const std::vector<ProtocolRule> rules = ProtocolRules();
+    for (auto _ : state) {
+        std::vector<regex_t> patterns(1000);
+        for (std::size_t i = 0; i < patterns.size(); ++i) {
+            regcomp(&patterns[i], rules[i % rules.size()].find.c_str(), REG_EXTENDED | REG_ICASE);
+        }
+        for (regex_t& regex : patterns) {
+            regfree(&regex);
+        }
+    }
+}
+
+void BM_ProtocolGlibc(benchmark::State& state) {
+    if (!ProtocolOutputsAgree(state)) {
+        return;
+    }
+    std::size_t found = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(ProtocolByGlibc(Page(), found));
+    }
+}
+
+// A rule that cannot match: "banner" is nowhere on this page, so the prefilter answers without
+// the library. The text is not changed, so no copy is timed on either side.
+const std::string& PageWithoutBanner() {
+    static const std::string page = [] {
+        std::string text = Page();
+        for (std::size_t at = text.find("banner"); at != std::string::npos;
+             at = text.find("banner", at)) {
+            text.replace(at, 6, "promo_");
+        }
+        return text;
+    }();
+    return page;
+}
+
+constexpr const char* kBannerFind = "<img[^>]*banner[^>]*>";
+
+void BM_CannotMatchEngine(benchmark::State& state) {
+    auto rule = MakeRule(Unit(kBannerFind, "", true), 0);
+    std::string text = PageWithoutBanner();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(ApplyContentRule(*rule, text));
+    }
+    if (text != PageWithoutBanner()) {
+        state.SkipWithError("the engine changed a text it cannot match");
+    }
+    qbrix::content::ResetTestLog();
+}
+
+void BM_CannotMatchGlibc(benchmark::State& state) {
+    regex_t regex;
+    regcomp(&regex, kBannerFind, REG_EXTENDED | REG_ICASE);
+    const std::string& text = PageWithoutBanner();
+    regmatch_t slots[qbrix::content::kMatchSlots];
+    for (auto _ : state) {
+        slots[0].rm_so = 0;
+        slots[0].rm_eo = static_cast<regoff_t>(text.size());
+        benchmark::DoNotOptimize(
+            regexec(&regex, text.data(), qbrix::content::kMatchSlots, slots, REG_STARTEND));
+    }
+    regfree(&regex);
+}
+
 // Each engine run is registered right beside its baseline so both see the same machine load.
 void RegisterPair(const std::string& family, const std::vector<BenchRule>& rules,
                   const std::string& (*input)(), benchmark::TimeUnit unit) {
@@ -273,6 +482,20 @@ int main(int argc, char** argv) {
     RegisterPair("recurse1MB", RecurseRules(), Megabyte, benchmark::kMillisecond);
     benchmark::RegisterBenchmark("recurse1MB/memmem", BM_RecurseMemmem)
         ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("protocol50/engine", BM_ProtocolEngine)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("protocol50/engine-unfiltered", BM_ProtocolEngineUnfiltered)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("protocol50/regexec", BM_ProtocolGlibc)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("compile1000/engine", BM_CompileEngine)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("compile1000/regcomp", BM_CompileGlibc)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("cannot-match/engine", BM_CannotMatchEngine)
+        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("cannot-match/regexec", BM_CannotMatchGlibc)
+        ->Unit(benchmark::kMicrosecond);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;

@@ -226,6 +226,9 @@ int RunSearch(const RulePattern& pattern, const char* data, std::size_t length,
     std::memset(slots, 0, sizeof(slots));
     slots[0].rm_so = 0;
     slots[0].rm_eo = static_cast<regoff_t>(length);
+    if (!pattern.Literals().MayMatch(data, length)) {
+        return kSearchMissed;  // something every match holds is not in the searched bytes
+    }
     if (pattern.HasBackReferences()) {
         return SearchInChild(pattern, data, length, slots, budget);
     }
@@ -742,6 +745,7 @@ int CompilePattern(RulePattern& pattern, std::string_view text) {
     pattern.SetCompiled(true);
     pattern.SetLooksPastMatchEnd(LooksPastMatchEnd(expanded));
     pattern.SetHasBackReferences(HasBackReferences(expanded));
+    pattern.SetLiterals(RequiredLiterals::Derive(expanded.c_str()));
     if (pattern.GroupCount() >= kMatchSlots) {
         // The last group's slot would lie outside the match slots.
         pattern.Free();

@@ -6,7 +6,9 @@
 #include <regex.h>
 
 #include <cstddef>
+#include <utility>
 
+#include "content/RequiredLiterals.h"
 #include "platform/WinTypes.h"
 
 namespace qbrix::content {
@@ -31,11 +33,15 @@ class RulePattern {
     // Whether the expression holds a back-reference: its searches run under a budget.
     bool HasBackReferences() const { return m_hasBackReferences; }
     void SetHasBackReferences(bool value) { m_hasBackReferences = value; }
+    // What every match must contain; a search of a text without it is skipped.
+    const RequiredLiterals& Literals() const { return m_literals; }
+    void SetLiterals(RequiredLiterals literals) { m_literals = std::move(literals); }
     void Free() {
         if (m_compiled != 0) {
             regfree(&m_regex);
             m_compiled = 0;
         }
+        m_literals = RequiredLiterals();
     }
 
   private:
@@ -43,6 +49,7 @@ class RulePattern {
     regex_t m_regex{};
     bool m_looksPastMatchEnd = true;
     bool m_hasBackReferences = false;
+    RequiredLiterals m_literals;
 };
 
 }  // namespace qbrix::content

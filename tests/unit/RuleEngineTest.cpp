@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <locale.h>
 
+#include <functional>
 #include <random>
 #include <string>
 
+#include "content/RequiredLiterals.h"
 #include "content/TestLog.h"
 
 namespace qbrix::content {
@@ -200,6 +202,53 @@ class RuleEngineTest : public ::testing::Test {
   protected:
     void SetUp() override { ResetTestLog(); }
 };
+
+// What every match must contain, as requirements (best first, ";" between them) of alternatives
+// ("|" between them); "" where the expression gets no prefilter.
+std::string Requirements(const char* expression) {
+    std::string text;
+    RequiredLiterals literals = RequiredLiterals::Derive(expression);
+    for (const auto& alternatives : literals.Requirements()) {
+        text += text.empty() ? "" : ";";
+        for (std::size_t i = 0; i < alternatives.size(); ++i)
+            text += (i == 0 ? "" : "|") + alternatives[i].folded;
+    }
+    return text;
+}
+
+TEST(RequiredLiteralsTest, DerivesWhatEveryMatchHolds) {
+    const std::vector<std::pair<const char*, const char*>> cases = {
+        {"<img[^>]*banner[^>]*>", "banner;<img;>"},
+        {"charset=(ISO-8859-1)", "charset=iso-8859-1"},
+        {"filename=\"[^\"]*\\.(exe|scr|pif)\"", "filename=\";.exe\"|.scr\"|.pif\""},
+        {"(ab)+c", "ab;c"},
+        {"a(b|c)?d", "abd|acd|ad"},
+        {"x*abc|yz{2}", "abc|yzz"},
+        {"(^|x)ab\\>", "ab|xab"},
+        {"[]ab]cd[[:alpha:]]ef[a-]]g", "cd;ef;]g"},
+        // No prefilter: back-references, unknown escapes, empty or optional alternatives,
+        // repetitions of anchors.
+        {"(a)\\1", ""},
+        {"\\d+xyz", ""},
+        {"abc|", ""},
+        {"abc|x?", ""},
+        {"a{0,3}", ""},
+        {"x^*abc", ""},
+    };
+    for (const auto& [expression, expected] : cases)
+        EXPECT_EQ(Requirements(expression), expected) << expression;
+}
+
+// Bytes a literal is compared with: ASCII letters without regard to case, every other byte
+// (above 0x7F too) exactly.
+TEST(RequiredLiteralsTest, ScanFoldsAsciiLettersOnly) {
+    auto literal = RequiredLiterals::Derive("ab@\xC4z").Requirements().at(0).at(0);
+    const std::string padding(40, '-');
+    EXPECT_TRUE(ContainsFolded((padding + "AB@\xC4Z").data(), padding.size() + 5, literal));
+    EXPECT_FALSE(ContainsFolded((padding + "AB`\xC4Z").data(), padding.size() + 5, literal));
+    EXPECT_FALSE(ContainsFolded((padding + "AB@\xE4Z").data(), padding.size() + 5, literal));
+    EXPECT_FALSE(ContainsFolded((padding + "AB@\xC4Z").data(), padding.size() + 4, literal));
+}
 
 TEST(EscapesTest, PatternEscapesExpandFiveKindsWithoutBackslashEscape) {
     EXPECT_EQ(ExpandPatternEscapes("a\\nb\\rc\\td\\ae\\bf"), "a\nb\rc\td\ae\bf");
@@ -708,6 +757,54 @@ TEST_F(RuleEngineTest, BackReferenceSearchesRunWithinTheTimeLimit) {
     std::string found;
     EXPECT_EQ(ApplyRegRule(unit, text, found, start, end, limits, &reason), kUnitStopped);
     EXPECT_EQ(text, given);
+}
+
+// Random expressions (literals, bracket lists holding the literals' letters, groups, repetitions,
+// alternations, anchors, back-references) over texts from a small alphabet with zero bytes: the
+// engine gives the same result, text and trace with the prefilter as without it.
+TEST_F(RuleEngineTest, PrefilterNeverChangesResultsOnGeneratedInputs) {
+    std::mt19937 random(2024);
+    const std::vector<std::string> atoms = {"a",    "b",    "B",           "ab",  "x",   ".",
+                                            "[ab]", "[^a]", "[]b]",        "\\.", "^",   "$",
+                                            "\\<",  "\\>",  "[[:upper:]]", "\\1", "\\w", "ba"};
+    const std::vector<std::string> repeats = {"", "", "", "*", "+", "?", "{2}", "{1,}", "{0,2}"};
+    auto pick = [&](const std::vector<std::string>& from) { return from[random() % from.size()]; };
+    std::function<std::string(int)> expression = [&](int depth) {
+        std::string result;
+        for (std::size_t i = 1 + random() % 3; i > 0; --i) {
+            std::string piece =
+                depth < 2 && random() % 4 == 0 ? "(" + expression(depth + 1) + ")" : pick(atoms);
+            result += piece + pick(repeats);
+        }
+        if (random() % 4 == 0)
+            result += "|" + (random() % 5 == 0 ? std::string() : expression(depth + 1));
+        return result;
+    };
+    auto text = [&] {
+        std::string result;
+        for (std::size_t length = random() % 30; length > 0; --length)
+            result += "abAB.x \0"[random() % 8];
+        return result;
+    };
+    for (int round = 0; round < 4000; ++round) {
+        std::string find = expression(0);
+        RegRule mainRule = random() % 2 == 0 ? WithReplace(Unit(find), "Z") : Unit(find);
+        std::vector<RegRule> subs;
+        if (random() % 4 == 0)
+            subs.push_back(WithCompare(Unit(expression(0)), find));
+        auto rule = MakeRule(mainRule, 0, subs);
+        std::string input = text();
+        std::string with = input;
+        std::string without = input;
+        int withResult = ApplyContentRule(*rule, with);
+        std::string withLog = TestLog();
+        SetRequiredLiteralsEnabled(false);
+        int withoutResult = ApplyContentRule(*rule, without);
+        SetRequiredLiteralsEnabled(true);
+        ASSERT_EQ(withResult, withoutResult) << "find " << find << " text " << input;
+        ASSERT_EQ(with, without) << "find " << find;
+        ASSERT_EQ(withLog, TestLog()) << "find " << find;
+    }
 }
 
 }  // namespace
