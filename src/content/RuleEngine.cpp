@@ -299,6 +299,27 @@ int SearchUpToZero(const RulePattern& pattern, std::string_view text, std::size_
 constexpr std::uint64_t kMeasureAbove = 1u << 10;
 constexpr std::uint64_t kHuge = std::uint64_t{1} << 40;  // saturation of the estimate
 
+// The position of the "]" that closes the bracket list opened at `open` (the length when none
+// does): a "]" right after the opening "[" or "[^" belongs to the list, and "[:...:]" and the
+// like are nested.
+std::size_t BracketListEnd(std::string_view expression, std::size_t open) {
+    std::size_t j = open + 1;
+    if (j < expression.size() && expression[j] == '^')
+        ++j;
+    if (j < expression.size() && expression[j] == ']')
+        ++j;
+    while (j < expression.size() && expression[j] != ']') {
+        if (expression[j] == '[' && j + 1 < expression.size() &&
+            (expression[j + 1] == ':' || expression[j + 1] == '.' || expression[j + 1] == '=')) {
+            std::size_t close = expression.find(']', j + 2);
+            j = close == std::string_view::npos ? expression.size() : close + 1;
+        } else {
+            ++j;
+        }
+    }
+    return j;
+}
+
 std::uint64_t EstimatePatternSize(std::string_view expression) {
     auto clamp = [](std::uint64_t value) { return std::min(value, kHuge); };
     std::vector<std::uint64_t> groups{0};  // size of each open group so far
@@ -343,23 +364,8 @@ std::uint64_t EstimatePatternSize(std::string_view expression) {
             last = clamp(last * (copies + 1));
             i = j + 1;
         } else if (c == '[') {
-            // A bracket list is one atom: skip to its closing bracket ("]" right after the
-            // opening "[" or "[^" belongs to the list; "[:...:]" and the like are nested).
-            std::size_t j = i + 1;
-            if (j < expression.size() && expression[j] == '^')
-                ++j;
-            if (j < expression.size() && expression[j] == ']')
-                ++j;
-            while (j < expression.size() && expression[j] != ']') {
-                if (expression[j] == '[' && j + 1 < expression.size() &&
-                    (expression[j + 1] == ':' || expression[j + 1] == '.' ||
-                     expression[j + 1] == '=')) {
-                    std::size_t close = expression.find(']', j + 2);
-                    j = close == std::string_view::npos ? expression.size() : close + 1;
-                } else {
-                    ++j;
-                }
-            }
+            // A bracket list is one atom.
+            std::size_t j = BracketListEnd(expression, i);
             size = clamp(size + 1);
             last = 1;
             i = j + 1;
@@ -538,23 +544,7 @@ bool LooksPastMatchEnd(std::string_view expression) {
 bool HasBackReferences(std::string_view expression) {
     for (std::size_t i = 0; i < expression.size(); ++i) {
         if (expression[i] == '[') {
-            // A bracket list is one atom: skip to its closing bracket, as the estimate does.
-            std::size_t j = i + 1;
-            if (j < expression.size() && expression[j] == '^')
-                ++j;
-            if (j < expression.size() && expression[j] == ']')
-                ++j;
-            while (j < expression.size() && expression[j] != ']') {
-                if (expression[j] == '[' && j + 1 < expression.size() &&
-                    (expression[j + 1] == ':' || expression[j + 1] == '.' ||
-                     expression[j + 1] == '=')) {
-                    std::size_t close = expression.find(']', j + 2);
-                    j = close == std::string_view::npos ? expression.size() : close + 1;
-                } else {
-                    ++j;
-                }
-            }
-            i = j;
+            i = BracketListEnd(expression, i);
         } else if (expression[i] == '\\' && i + 1 < expression.size()) {
             if (expression[i + 1] >= '1' && expression[i + 1] <= '9') {
                 return true;
