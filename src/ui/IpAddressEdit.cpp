@@ -108,6 +108,9 @@ void IpAddressEdit::FocusFirstBlank() {
 // from 0 to 255 is refused and the field gets its last accepted text back.
 void IpAddressEdit::FieldEdited(int index, const QString& text) {
     QLineEdit* field = m_fields[index];
+    if (text.contains('.') && Spread(index, text)) {
+        return;
+    }
     if (text.size() > 3 || !AllDigits(text) || text.toUInt() > 255) {
         core::CurrentMessages().Beep(core::MB_OK);
         const int cursor = std::min(field->cursorPosition() - 1, int(m_kept[index].size()));
@@ -120,6 +123,28 @@ void IpAddressEdit::FieldEdited(int index, const QString& text) {
     if (text.size() == 3 && field->cursorPosition() == 3 && index + 1 < kFieldCount) {
         MoveTo(index + 1, kSelectAll);
     }
+}
+
+// A dotted address pasted into a field fills it and the fields after it, when every part is a
+// number from 0 to 255 and there are fields enough.
+bool IpAddressEdit::Spread(int index, const QString& text) {
+    const QStringList parts = text.split('.');
+    if (index + parts.size() > kFieldCount) {
+        return false;
+    }
+    for (const QString& part : parts) {
+        if (part.isEmpty() || part.size() > 3 || !AllDigits(part) || part.toUInt() > 255) {
+            return false;
+        }
+    }
+    for (int i = 0; i < parts.size(); ++i) {
+        m_kept[index + i] = parts[i];
+        m_fields[index + i]->setText(parts[i]);
+    }
+    emit Edited();
+    const int last = index + static_cast<int>(parts.size()) - 1;
+    MoveTo(last, static_cast<int>(parts.back().size()));
+    return true;
 }
 
 void IpAddressEdit::MoveTo(int index, int cursor) {

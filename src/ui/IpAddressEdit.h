@@ -40,6 +40,7 @@ class IpAddressEdit : public QFrame {
 
   private:
     void FieldEdited(int index, const QString& text);
+    bool Spread(int index, const QString& text);
     // Moves the cursor into a field, at a position or selecting the whole field.
     static constexpr int kSelectAll = -1;
     void MoveTo(int index, int cursor);

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
+#include <QClipboard>
 #include <QComboBox>
+#include <QGuiApplication>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QPushButton>
@@ -197,10 +199,15 @@ TEST_F(ZoneEditorDialogTest, AddressFieldsTakeFourNumbersAndRefuseAnIncompleteAd
         Child<QPushButton>(dialog, "Update")->click();
         EXPECT_EQ(m_messages.beeps.size(), 5u);
         QTest::keyClicks(mask->Field(1), "255");
+        // A dotted address pasted into a field fills the fields from there on.
+        address->Field(0)->selectAll();
+        QGuiApplication::clipboard()->setText("192.168.1.20");
+        address->Field(0)->paste();
+        EXPECT_EQ(address->Text(), "192.168.1.20");
         return int(QDialog::Accepted);
     });
     EXPECT_EQ(changed, 0);
-    EXPECT_EQ(m_zone.rules[0].address, 0x0A000007u);
+    EXPECT_EQ(m_zone.rules[0].address, 0xC0A80114u);
     EXPECT_EQ(m_zone.rules[0].mask, 0xFFFFFF00u);
     EXPECT_EQ(m_messages.beeps.size(), 5u);
 }
