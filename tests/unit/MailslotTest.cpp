@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/Kernel.h"
 #include "platform/Mailslot.h"
@@ -87,6 +88,69 @@ TEST_F(MailslotTest, ManyMessagesAreTakenInOneReadWithTheirLengths) {
     EXPECT_FALSE(ReadMailslotMessages(slot, buffer, 8, 4, lengths, &read));
     EXPECT_EQ(ERROR_INVALID_HANDLE, GetLastError());
     EXPECT_EQ(0u, read);
+}
+
+// Writers that keep their handle for a burst and writers that open, send one message and close,
+// all at once: every message arrives whole, each writer's in the order sent. A writer still open
+// when the reader goes fails its next write as one without reader.
+TEST_F(MailslotTest, ManyWritersAtOnceLoseNothingAndKeepTheirOrder) {
+    HANDLE slot = CreateMailslot(kName, 16, 1000);
+    ASSERT_NE(INVALID_HANDLE_VALUE, slot);
+    constexpr int kBursts = 4;
+    constexpr int kPerBurst = 500;
+    constexpr int kSingles = 40;
+    std::vector<std::thread> writers;
+    for (int w = 0; w < kBursts; ++w) {
+        writers.emplace_back([w] {
+            HANDLE writer = OpenMailslotWriter(kName);
+            for (int i = 0; i < kPerBurst; ++i) {
+                std::string message = std::to_string(w) + ":" + std::to_string(i);
+                DWORD written = 0;
+                WriteMailslot(writer, message.data(), static_cast<DWORD>(message.size()), &written);
+            }
+            CloseHandle(writer);
+        });
+    }
+    writers.emplace_back([this] {
+        for (int i = 0; i < kSingles; ++i) {
+            Send("single:" + std::to_string(i));
+        }
+    });
+    std::vector<int> next(kBursts, 0);
+    int singles = 0;
+    int total = 0;
+    char buffer[64][16];
+    DWORD lengths[64];
+    DWORD read = 0;
+    while (total < kBursts * kPerBurst + kSingles &&
+           ReadMailslotMessages(slot, buffer, 16, 64, lengths, &read)) {
+        for (DWORD m = 0; m < read; ++m, ++total) {
+            std::string message(buffer[m], lengths[m]);
+            std::size_t colon = message.find(':');
+            ASSERT_NE(std::string::npos, colon) << message;
+            if (message.starts_with("single:")) {
+                ++singles;
+                continue;
+            }
+            int w = std::stoi(message.substr(0, colon));
+            EXPECT_EQ(std::to_string(w) + ":" + std::to_string(next[w]), message);
+            next[w] = std::stoi(message.substr(colon + 1)) + 1;
+        }
+    }
+    for (std::thread& writer : writers) {
+        writer.join();
+    }
+    EXPECT_EQ(std::vector<int>(kBursts, kPerBurst), next);
+    EXPECT_EQ(kSingles, singles);
+
+    HANDLE late = OpenMailslotWriter(kName);
+    ASSERT_NE(INVALID_HANDLE_VALUE, late);
+    CloseHandle(slot);
+    DWORD written = 7;
+    EXPECT_FALSE(WriteMailslot(late, "x", 1, &written));
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, GetLastError());
+    EXPECT_EQ(0u, written);
+    CloseHandle(late);
 }
 
 TEST_F(MailslotTest, NamesThatAreNoSlotAndSlotsWithoutReaderAreRefused) {

@@ -1,10 +1,13 @@
-// Mailslots as Unix datagram sockets in the run directory: "\\.\mailslot\korvel" is the socket
-// "<run>/mailslot/korvel". Datagrams keep message boundaries as mailslots do. Ownership of a
-// name is an advisory lock on "<name>.lock" beside the socket, held while the reader's handle is
-// open; the kernel drops it when its holder dies, so the next creator may remove the dead
-// socket and bind a new one.
+// Mailslots as Unix sequenced-packet sockets in the run directory: "\\.\mailslot\korvel" is the
+// listening socket "<run>/mailslot/korvel". Each writer's handle is one connection, and its
+// packets keep message boundaries as mailslots do. A connected pair is limited only by its
+// buffer, not by the short queue the kernel allows a named datagram socket, so a writer's burst
+// does not wait for the reader every few messages. Ownership of a name is an advisory lock on
+// "<name>.lock" beside the socket, held while the reader's handle is open; the kernel drops it
+// when its holder dies, so the next creator may remove the dead socket and bind a new one.
 #include <fcntl.h>
-#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,6 +16,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <vector>
@@ -51,123 +56,191 @@ bool FillAddress(const std::string& path, sockaddr_un* address) {
     return true;
 }
 
+// Every message travels behind one marker byte, so an empty message (one byte on the wire) is
+// told apart from the end of a writer's connection (nothing).
+constexpr char kMarker = 'M';
+
 class MailslotReader : public KernelObject {
   public:
-    MailslotReader(int socket, int lock, std::string path, DWORD maxMessageSize, DWORD timeoutMs)
-        : m_socket(socket),
+    MailslotReader(int listener, int lock, std::string path, DWORD maxMessageSize, DWORD timeoutMs)
+        : m_listener(listener),
           m_lock(lock),
           m_path(std::move(path)),
           m_maxMessageSize(maxMessageSize),
           m_timeoutMs(timeoutMs) {}
 
+    // The listener, the wake-up for Closing and later every writer's connection wait in one
+    // epoll set; false when the set could not be made.
+    bool Start() {
+        m_epoll = ::epoll_create1(EPOLL_CLOEXEC);
+        m_wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        return m_epoll >= 0 && m_wake >= 0 && Watch(m_listener) && Watch(m_wake);
+    }
+
     ~MailslotReader() override {
-        ::close(m_socket);
+        ::close(m_listener);
         // The socket goes before the lock, so a new owner never sees ours.
         ::unlink(m_path.c_str());
         ::close(m_lock);
+        for (int connection : m_connections) {
+            ::close(connection);
+        }
+        if (m_epoll >= 0) {
+            ::close(m_epoll);
+        }
+        if (m_wake >= 0) {
+            ::close(m_wake);
+        }
     }
 
-    // Wakes a reader blocked in Read: the shut-down socket reports end of input at once.
+    // Wakes a reader blocked in a read.
     void Closing() override {
         m_closed.store(true);
-        ::shutdown(m_socket, SHUT_RDWR);
+        std::uint64_t one = 1;
+        (void)!::write(m_wake, &one, sizeof(one));
     }
 
-    // Waits up to the slot's time-out for a message; false (and the error set) when none came.
-    bool Wait() {
-        int waitMs = m_timeoutMs == MAILSLOT_WAIT_FOREVER ? -1 : static_cast<int>(m_timeoutMs);
-        pollfd wait{m_socket, POLLIN, 0};
-        int ready;
-        do {
-            ready = ::poll(&wait, 1, waitMs);
-        } while (ready < 0 && errno == EINTR);
-        if (m_closed.load()) {
-            SetLastError(ERROR_INVALID_HANDLE);
-            return false;
-        }
-        if (ready == 0) {
-            SetLastError(ERROR_SEM_TIMEOUT);
-            return false;
-        }
-        return true;
-    }
-
-    // Every queued message (at most `count`) in one call; the wait comes only when none is
-    // queued, so a reader that keeps up with a burst makes one call per batch.
+    // Every queued message (at most `count`) in one call, from every writer's connection; the
+    // wait comes only when none is queued, so a reader that keeps up with a burst makes one
+    // call per batch.
     BOOL ReadMany(char* buffer, DWORD size, DWORD count, DWORD* lengths, DWORD* messagesRead) {
-        if (m_closed.load()) {
-            SetLastError(ERROR_INVALID_HANDLE);
-            return 0;
-        }
         std::vector<mmsghdr> headers(count);
-        std::vector<iovec> parts(count);
+        std::vector<iovec> parts(2 * static_cast<std::size_t>(count));
+        std::vector<char> markers(count);
         for (DWORD i = 0; i < count; ++i) {
-            parts[i] = {buffer + static_cast<std::size_t>(i) * size, size};
-            headers[i] = {};
-            headers[i].msg_hdr.msg_iov = &parts[i];
-            headers[i].msg_hdr.msg_iovlen = 1;
+            parts[2 * i] = {&markers[i], 1};
+            parts[2 * i + 1] = {buffer + static_cast<std::size_t>(i) * size, size};
         }
-        // MSG_TRUNC gives each datagram's real length, as in Read.
-        auto receive = [&] {
-            int taken;
-            do {
-                taken =
-                    ::recvmmsg(m_socket, headers.data(), count, MSG_DONTWAIT | MSG_TRUNC, nullptr);
-            } while (taken < 0 && errno == EINTR);
-            return taken;
-        };
-        int taken = receive();
-        if (taken < 0 && errno == EAGAIN) {
-            if (!Wait()) {
+        bool forever = m_timeoutMs == MAILSLOT_WAIT_FOREVER;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(m_timeoutMs);
+        for (;;) {
+            if (m_closed.load()) {
+                SetLastError(ERROR_INVALID_HANDLE);
                 return 0;
             }
-            taken = receive();
+            AcceptWriters();
+            DWORD taken = Drain(headers.data(), parts.data(), count);
+            if (taken > 0) {
+                for (DWORD i = 0; i < taken; ++i) {
+                    lengths[i] = headers[i].msg_len - 1;
+                }
+                *messagesRead = taken;
+                return 1;
+            }
+            int waitMs = -1;
+            if (!forever) {
+                auto left = std::chrono::ceil<std::chrono::milliseconds>(
+                    deadline - std::chrono::steady_clock::now());
+                if (left.count() <= 0) {
+                    SetLastError(ERROR_SEM_TIMEOUT);
+                    return 0;
+                }
+                waitMs = static_cast<int>(left.count());
+            }
+            epoll_event ready[8];
+            if (::epoll_wait(m_epoll, ready, 8, waitMs) < 0 && errno != EINTR) {
+                SetLastError(ERROR_GEN_FAILURE);
+                return 0;
+            }
         }
-        if (m_closed.load()) {
-            SetLastError(ERROR_INVALID_HANDLE);
-            return 0;
-        }
-        if (taken <= 0) {
-            SetLastError(taken == 0 || errno == EAGAIN ? ERROR_SEM_TIMEOUT : ERROR_GEN_FAILURE);
-            return 0;
-        }
-        for (int i = 0; i < taken; ++i) {
-            lengths[i] = headers[i].msg_len;
-        }
-        *messagesRead = static_cast<DWORD>(taken);
-        return 1;
     }
 
     BOOL Read(void* buffer, DWORD size, DWORD* bytesRead) {
-        if (!Wait()) {
+        DWORD length = 0;
+        DWORD taken = 0;
+        if (!ReadMany(static_cast<char*>(buffer), size, 1, &length, &taken)) {
             return 0;
         }
-        // MSG_TRUNC makes the call return the datagram's real length, so an over-long message
-        // is recognised instead of being delivered cut short.
-        ssize_t length = ::recv(m_socket, buffer, size, MSG_DONTWAIT | MSG_TRUNC);
-        if (length < 0) {
-            SetLastError(errno == EAGAIN ? ERROR_SEM_TIMEOUT : ERROR_GEN_FAILURE);
-            return 0;
-        }
-        if (m_closed.load()) {
-            SetLastError(ERROR_INVALID_HANDLE);
-            return 0;
-        }
-        if (static_cast<std::size_t>(length) > size ||
-            (m_maxMessageSize != 0 && static_cast<std::size_t>(length) > m_maxMessageSize)) {
+        // The real length tells an over-long message from one that fits; it is gone either way.
+        if (length > size || (m_maxMessageSize != 0 && length > m_maxMessageSize)) {
             SetLastError(ERROR_INSUFFICIENT_BUFFER);
             return 0;
         }
-        *bytesRead = static_cast<DWORD>(length);
+        *bytesRead = length;
         return 1;
     }
 
   private:
-    int m_socket;
+    bool Watch(int fd) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = fd;
+        return ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &event) == 0;
+    }
+
+    // Takes the connections of writers that opened the slot since the last read.
+    void AcceptWriters() {
+        for (;;) {
+            int connection = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+            if (connection < 0) {
+                if (errno == EINTR || errno == ECONNABORTED) {
+                    continue;
+                }
+                return;
+            }
+            if (!Watch(connection)) {
+                ::close(connection);
+                continue;
+            }
+            m_connections.push_back(connection);
+        }
+    }
+
+    // Takes what is queued on the connections, starting after the one drained first last time
+    // so that no writer starves the others. A connection whose writer closed and whose messages
+    // are all taken reads as empty and is closed.
+    DWORD Drain(mmsghdr* headers, iovec* parts, DWORD count) {
+        DWORD taken = 0;
+        std::size_t total = m_connections.size();
+        std::vector<int> ended;
+        for (std::size_t n = 0; n < total && taken < count; ++n) {
+            int connection = m_connections[(m_next + n) % total];
+            for (DWORD i = taken; i < count; ++i) {
+                headers[i] = {};
+                headers[i].msg_hdr.msg_iov = &parts[2 * i];
+                headers[i].msg_hdr.msg_iovlen = 2;
+            }
+            int got;
+            do {
+                // MSG_TRUNC gives each message's real length, so an over-long one is recognised
+                // instead of being delivered cut short.
+                got = ::recvmmsg(connection, headers + taken, count - taken,
+                                 MSG_DONTWAIT | MSG_TRUNC, nullptr);
+            } while (got < 0 && errno == EINTR);
+            if (got < 0) {
+                if (errno != EAGAIN) {
+                    ended.push_back(connection);
+                }
+                continue;
+            }
+            int kept = 0;
+            while (kept < got && headers[taken + kept].msg_len > 0) {
+                ++kept;
+            }
+            if (kept < got) {
+                ended.push_back(connection);
+            }
+            taken += static_cast<DWORD>(kept);
+        }
+        if (total > 0) {
+            m_next = (m_next + 1) % total;
+        }
+        for (int connection : ended) {
+            ::close(connection);  // also leaves the epoll set
+            std::erase(m_connections, connection);
+        }
+        return taken;
+    }
+
+    int m_listener;
     int m_lock;
     std::string m_path;
     DWORD m_maxMessageSize;
     DWORD m_timeoutMs;
+    int m_epoll = -1;
+    int m_wake = -1;
+    std::vector<int> m_connections;  // only the reading thread touches them
+    std::size_t m_next = 0;
     std::atomic<bool> m_closed{false};
 };
 
@@ -177,17 +250,24 @@ class MailslotWriter : public KernelObject {
     ~MailslotWriter() override { ::close(m_socket); }
 
     BOOL Write(const void* data, DWORD size, DWORD* bytesWritten) {
+        char marker = kMarker;
+        iovec parts[2] = {{&marker, 1}, {const_cast<void*>(data), size}};
+        msghdr message{};
+        message.msg_iov = parts;
+        message.msg_iovlen = 2;
         ssize_t sent;
         do {
-            sent = ::send(m_socket, data, size, MSG_NOSIGNAL);
+            sent = ::sendmsg(m_socket, &message, MSG_NOSIGNAL);
         } while (sent < 0 && errno == EINTR);
         if (sent < 0) {
             switch (errno) {
                 case EMSGSIZE:
                     SetLastError(ERROR_INVALID_PARAMETER);
                     break;
+                case EPIPE:  // the reader closed the slot
+                case ECONNRESET:
                 case ECONNREFUSED:
-                case ENOENT:
+                case ENOTCONN:
                     SetLastError(ERROR_FILE_NOT_FOUND);
                     break;
                 default:
@@ -195,7 +275,7 @@ class MailslotWriter : public KernelObject {
             }
             return 0;
         }
-        *bytesWritten = static_cast<DWORD>(sent);
+        *bytesWritten = static_cast<DWORD>(sent - 1);
         return 1;
     }
 
@@ -244,13 +324,14 @@ HANDLE CreateMailslot(std::string_view name, DWORD maxMessageSize, DWORD readTim
     }
     // Holding the lock, any socket left at the path belongs to a process that is gone.
     ::unlink(path.c_str());
-    int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int socket = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (socket < 0) {
         ::close(lock);
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return INVALID_HANDLE_VALUE;
     }
-    if (::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    if (::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        ::listen(socket, SOMAXCONN) != 0) {
         DWORD error = errno == EACCES ? ERROR_ACCESS_DENIED : ERROR_PATH_NOT_FOUND;
         ::close(socket);
         ::close(lock);
@@ -258,9 +339,14 @@ HANDLE CreateMailslot(std::string_view name, DWORD maxMessageSize, DWORD readTim
         return INVALID_HANDLE_VALUE;
     }
     SetDataFileMode(root, path, 0666);  // writers run as other users too, as every program may
+    auto reader =
+        std::make_shared<MailslotReader>(socket, lock, path, maxMessageSize, readTimeoutMs);
+    if (!reader->Start()) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return INVALID_HANDLE_VALUE;
+    }
     SetLastError(ERROR_SUCCESS);
-    return Current().Handles().Add(
-        std::make_shared<MailslotReader>(socket, lock, path, maxMessageSize, readTimeoutMs));
+    return Current().Handles().Add(std::move(reader));
 }
 
 BOOL ReadMailslot(HANDLE mailslot, void* buffer, DWORD size, DWORD* bytesRead) {
@@ -305,7 +391,7 @@ HANDLE OpenMailslotWriter(std::string_view name) {
         SetLastError(ERROR_INVALID_NAME);
         return INVALID_HANDLE_VALUE;
     }
-    int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int socket = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (socket < 0) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return INVALID_HANDLE_VALUE;
