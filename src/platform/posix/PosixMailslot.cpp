@@ -176,7 +176,16 @@ class MailslotReader : public KernelObject {
                 if (errno == EINTR || errno == ECONNABORTED) {
                     continue;
                 }
+                // Out of descriptors: the listener leaves the wait set, so a waiting writer does
+                // not keep the reader busy, until a connection ends or an accept works again.
+                if (errno != EAGAIN && m_listening &&
+                    ::epoll_ctl(m_epoll, EPOLL_CTL_DEL, m_listener, nullptr) == 0) {
+                    m_listening = false;
+                }
                 return;
+            }
+            if (!m_listening && Watch(m_listener)) {
+                m_listening = true;
             }
             if (!Watch(connection)) {
                 ::close(connection);
@@ -229,6 +238,9 @@ class MailslotReader : public KernelObject {
             ::close(connection);  // also leaves the epoll set
             std::erase(m_connections, connection);
         }
+        if (!ended.empty() && !m_listening && Watch(m_listener)) {
+            m_listening = true;
+        }
         return taken;
     }
 
@@ -241,6 +253,7 @@ class MailslotReader : public KernelObject {
     int m_wake = -1;
     std::vector<int> m_connections;  // only the reading thread touches them
     std::size_t m_next = 0;
+    bool m_listening = true;  // the listener is in the epoll set
     std::atomic<bool> m_closed{false};
 };
 
