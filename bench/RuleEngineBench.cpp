@@ -477,6 +477,8 @@ void RegisterPair(const std::string& family, const std::vector<BenchRule>& rules
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Nothing here reads the trace.
+    qbrix::content::SetTestLogEnabled(false);
     RegisterPair("page", SharedPageRules(), Page, benchmark::kMicrosecond);
     RegisterPair("mail", SharedMailRules(), Mail, benchmark::kMicrosecond);
     RegisterPair("recurse1MB", RecurseRules(), Megabyte, benchmark::kMillisecond);
