@@ -25,8 +25,8 @@ namespace qbrix::content {
 namespace {
 
 // Rules work on bytes: the C locale keeps "." and bracket lists at one byte whatever locale the
-// interface runs in, and spares every search the multi-byte decoding. The switch is per thread
-// and only around the library calls.
+// interface runs in, and spares every search the multi-byte decoding. The switch is per thread,
+// once around each run of a rule or unit, search or compilation.
 locale_t ByteLocale() {
     static const locale_t locale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
     return locale;
@@ -180,11 +180,11 @@ int SearchInChild(const RulePattern& pattern, const char* data, std::size_t leng
         KeepOnlyDescriptor(fds[1]);
         LimitChild(static_cast<rlim_t>(left.count() / 1000 + 1), kSearchMemoryBudget);
         SearchAnswer answer{};
-        std::memcpy(answer.slots, slots, sizeof(answer.slots));
+        answer.slots[0] = slots[0];
         {
             ScopedByteLocale byteLocale;
-            answer.code = regexec(pattern.Regex(), length == 0 ? "" : data, kMatchSlots,
-                                  answer.slots, REG_STARTEND);
+            answer.code = regexec(pattern.Regex(), length == 0 ? "" : data,
+                                  pattern.GroupCount() + 1, answer.slots, REG_STARTEND);
         }
         _exit(write(fds[1], &answer, sizeof(answer)) == sizeof(answer) ? 0 : 1);
     }
@@ -240,11 +240,11 @@ int SearchInChild(const RulePattern& pattern, const char* data, std::size_t leng
 }
 
 // Searches data[0, length) as a whole text ("^" at data, "$" at data + length) without needing
-// a terminator there, so the main loop can search the rest of a text in place.
+// a terminator there, so the main loop can search the rest of a text in place. Only the slots of
+// the whole match and of the pattern's groups are set; the caller has switched to the C locale.
 int RunSearch(const RulePattern& pattern, const char* data, std::size_t length,
               regmatch_t (&slots)[kMatchSlots], Budget& budget) {
     static const char kEmpty[] = "";
-    std::memset(slots, 0, sizeof(slots));
     slots[0].rm_so = 0;
     slots[0].rm_eo = static_cast<regoff_t>(length);
     if (!pattern.Literals().MayMatch(data, length)) {
@@ -253,8 +253,7 @@ int RunSearch(const RulePattern& pattern, const char* data, std::size_t length,
     if (pattern.HasBackReferences()) {
         return SearchInChild(pattern, data, length, slots, budget);
     }
-    ScopedByteLocale byteLocale;
-    return regexec(pattern.Regex(), length == 0 ? kEmpty : data, kMatchSlots, slots,
+    return regexec(pattern.Regex(), length == 0 ? kEmpty : data, pattern.GroupCount() + 1, slots,
                    REG_STARTEND) == 0
                ? kSearchFound
                : kSearchMissed;
@@ -789,6 +788,7 @@ int CompilePattern(RulePattern& pattern, std::string_view text) {
 
 int SearchPattern(const RulePattern& pattern, std::string_view text, std::int32_t& start,
                   std::int32_t& end) {
+    ScopedByteLocale byteLocale;
     ZeroScan zeros(text);
     Budget budget{RunLimits{}};
     return SearchUpToZero(pattern, text, 0, zeros, start, end, budget);
@@ -843,6 +843,7 @@ int StopRule(const ContentRule& rule, std::string& text, TextRewriter* rewriter,
 int ApplyRegRule(const RegRuleMatcher& unit, std::string& text, std::string& found,
                  std::int32_t& start, std::int32_t& end, const RunLimits& limits,
                  std::string* stopReason) {
+    ScopedByteLocale byteLocale;
     Budget budget(limits);
     int result = ApplyUnit(unit, text, found, start, end, budget);
     if (result == kUnitStopped && stopReason != nullptr) {
@@ -859,6 +860,7 @@ int ApplyContentRule(const ContentRule& rule, std::string& text, const RunLimits
         log.Add(" -- disabled: ").Add(rule.name);
         return kRuleDisabled;
     }
+    ScopedByteLocale byteLocale;
     Budget budget(limits);
     // The text as given, kept once the rewriter finished when the Replace Rule could still stop
     // the run (a search with a back-reference).
