@@ -684,8 +684,28 @@ class TextRewriter {
         m_changed = true;
     }
 
+    // The only rewrite of a run that makes one pass: spliced into the text where it stands, as a
+    // plain std::string::replace, without a second page-sized buffer.
+    void ReplaceOnly(std::size_t start, std::size_t end, std::string_view replacement) {
+        if (m_changed) {
+            Replace(start, end, replacement);
+            return;
+        }
+        m_undo.assign(m_text, start, end - start);
+        m_spliceStart = start;
+        m_spliceLength = replacement.size();
+        m_text.replace(start, end - start, replacement);
+        m_spliced = true;
+        m_changed = true;
+    }
+
     // The text as given (before Finish).
     std::string Original() const {
+        if (m_spliced) {
+            std::string original(m_text);
+            original.replace(m_spliceStart, m_spliceLength, m_undo);
+            return original;
+        }
         if (!m_changed) {
             return m_text;
         }
@@ -696,13 +716,15 @@ class TextRewriter {
 
     // Gives the text back as it was given (before Finish).
     void Undo() {
-        if (m_changed) {
+        if (m_spliced) {
+            m_text.replace(m_spliceStart, m_spliceLength, m_undo);
+        } else if (m_changed) {
             std::memcpy(m_text.data(), m_undo.data(), m_undo.size());
         }
     }
 
     void Finish() {
-        if (!m_changed) {
+        if (!m_changed || m_spliced) {
             return;
         }
         if (m_building) {
@@ -718,7 +740,11 @@ class TextRewriter {
   private:
     std::string& m_text;
     std::string m_output;
-    std::string m_undo;       // the source bytes [0, m_read) while compacting in place
+    std::string m_undo;  // the source bytes [0, m_read) while compacting in place, or the
+                         // spliced bytes
+    std::size_t m_spliceStart = 0;
+    std::size_t m_spliceLength = 0;  // of the replacement, for ReplaceOnly
+    bool m_spliced = false;
     std::size_t m_write = 0;  // end of the settled text in place
     std::size_t m_read = 0;   // end of the source consumed so far
     bool m_building = false;
@@ -879,7 +905,11 @@ int ApplyContentRule(const ContentRule& rule, std::string& text, const RunLimits
     std::size_t length = source.size();
     const std::size_t maxLength = limits.growthFactor * source.size() + limits.growthBytes;
     auto rewrite = [&](std::size_t start, std::size_t end, std::string_view replacement) {
-        rewriter.Replace(start, end, replacement);
+        if (rule.recurse != 1) {
+            rewriter.ReplaceOnly(start, end, replacement);
+        } else {
+            rewriter.Replace(start, end, replacement);
+        }
         length = length - (end - start) + replacement.size();
     };
     while (true) {

@@ -772,11 +772,15 @@ TEST_F(RuleEngineTest, BackReferenceSearchesRunWithinTheTimeLimit) {
     EXPECT_EQ(reason, "a search with a back-reference ran longer than 300 ms");
     EXPECT_EQ(TestLog().rfind("Main Rule:\r\n  stopped (" + reason + ") :c", 0), 0u);
 
-    // The Replace Rule's search stops after the main rule rewrote the text.
-    std::string rewritten = given;
-    auto replaced = MakeRule(WithReplace(Unit("ba"), "ab"), 1, {}, Unit("(.+)(.+)\\2\\1z"));
-    EXPECT_EQ(ApplyContentRule(*replaced, rewritten, limits, &reason), kRuleStopped);
-    EXPECT_EQ(rewritten, given);
+    // The Replace Rule's search stops after the main rule rewrote the text (once, or on every
+    // pass).
+    for (DWORD recurse : {0u, 1u}) {
+        std::string rewritten = given;
+        auto replaced =
+            MakeRule(WithReplace(Unit("ba"), "abc"), recurse, {}, Unit("(.+)(.+)\\2\\1z"));
+        EXPECT_EQ(ApplyContentRule(*replaced, rewritten, limits, &reason), kRuleStopped);
+        EXPECT_EQ(rewritten, given) << recurse;
+    }
 
     RegRuleMatcher unit;
     unit.Assign(Unit("(.+)(.+)\\2\\1z"));
