@@ -25,8 +25,8 @@ namespace qbrix::content {
 namespace {
 
 // Rules work on bytes: the C locale keeps "." and bracket lists at one byte whatever locale the
-// interface runs in, and spares every search the multi-byte decoding. The switch is per thread
-// and only around the library calls.
+// interface runs in, and spares every search the multi-byte decoding. The switch is per thread,
+// once around each run of a rule or unit, search or compilation.
 locale_t ByteLocale() {
     static const locale_t locale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
     return locale;
@@ -66,6 +66,27 @@ class ZeroScan {
     std::string_view m_text;
     std::size_t m_zero = 0;
     bool m_known = false;
+};
+
+// The trace of a run, written only while the test log is switched on.
+class Trace {
+  public:
+    Trace() : m_log(TestLogEnabled() ? &TestLog() : nullptr) {}
+    Trace& Add(std::string_view text) {
+        if (m_log != nullptr) {
+            m_log->append(text);
+        }
+        return *this;
+    }
+    bool Empty() const { return m_log == nullptr || m_log->empty(); }
+    void Clear() {
+        if (m_log != nullptr) {
+            m_log->clear();
+        }
+    }
+
+  private:
+    std::string* m_log;
 };
 
 std::size_t Capped(std::size_t length) {
@@ -159,11 +180,11 @@ int SearchInChild(const RulePattern& pattern, const char* data, std::size_t leng
         KeepOnlyDescriptor(fds[1]);
         LimitChild(static_cast<rlim_t>(left.count() / 1000 + 1), kSearchMemoryBudget);
         SearchAnswer answer{};
-        std::memcpy(answer.slots, slots, sizeof(answer.slots));
+        answer.slots[0] = slots[0];
         {
             ScopedByteLocale byteLocale;
-            answer.code = regexec(pattern.Regex(), length == 0 ? "" : data, kMatchSlots,
-                                  answer.slots, REG_STARTEND);
+            answer.code = regexec(pattern.Regex(), length == 0 ? "" : data,
+                                  pattern.GroupCount() + 1, answer.slots, REG_STARTEND);
         }
         _exit(write(fds[1], &answer, sizeof(answer)) == sizeof(answer) ? 0 : 1);
     }
@@ -219,11 +240,11 @@ int SearchInChild(const RulePattern& pattern, const char* data, std::size_t leng
 }
 
 // Searches data[0, length) as a whole text ("^" at data, "$" at data + length) without needing
-// a terminator there, so the main loop can search the rest of a text in place.
+// a terminator there, so the main loop can search the rest of a text in place. Only the slots of
+// the whole match and of the pattern's groups are set; the caller has switched to the C locale.
 int RunSearch(const RulePattern& pattern, const char* data, std::size_t length,
               regmatch_t (&slots)[kMatchSlots], Budget& budget) {
     static const char kEmpty[] = "";
-    std::memset(slots, 0, sizeof(slots));
     slots[0].rm_so = 0;
     slots[0].rm_eo = static_cast<regoff_t>(length);
     if (!pattern.Literals().MayMatch(data, length)) {
@@ -232,8 +253,7 @@ int RunSearch(const RulePattern& pattern, const char* data, std::size_t length,
     if (pattern.HasBackReferences()) {
         return SearchInChild(pattern, data, length, slots, budget);
     }
-    ScopedByteLocale byteLocale;
-    return regexec(pattern.Regex(), length == 0 ? kEmpty : data, kMatchSlots, slots,
+    return regexec(pattern.Regex(), length == 0 ? kEmpty : data, pattern.GroupCount() + 1, slots,
                    REG_STARTEND) == 0
                ? kSearchFound
                : kSearchMissed;
@@ -568,30 +588,30 @@ struct UnitRun {
 UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view text, std::size_t offset,
                 ZeroScan& zeros, Budget& budget) {
     std::string_view piece = text.substr(offset);
-    std::string& log = TestLog();
+    Trace log;
     UnitRun run;
     if (unit.enable == 0) {
-        log.append("\r\n  disabled: ").append(unit.comment);
+        log.Add("\r\n  disabled: ").Add(unit.comment);
         run.result = kUnitSkipped;
         return run;
     }
     int searched =
         SearchUpToZero(unit.findPattern, text, offset, zeros, run.start, run.end, budget);
     if (searched == kSearchStopped) {
-        log.append("\r\n  stopped (").append(budget.Reason()).append(") :").append(unit.comment);
+        log.Add("\r\n  stopped (").Add(budget.Reason()).Add(") :").Add(unit.comment);
         run.result = kUnitStopped;
         return run;
     }
     if (searched != kSearchFound) {
         if (unit.replaceSwitch != 0 && unit.rawReplacement.empty()) {
-            log.append("\r\n  ignored: ").append(unit.comment);
+            log.Add("\r\n  ignored: ").Add(unit.comment);
             run.start = 0;
             run.end = 0;
             run.positioned = true;
             run.result = kUnitSkipped;
             return run;
         }
-        log.append("\r\n  not found: ").append(unit.comment);
+        log.Add("\r\n  not found: ").Add(unit.comment);
         run.result = kUnitNotFound;
         return run;
     }
@@ -602,7 +622,7 @@ UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view text, std::size_t o
         run.end = static_cast<std::int32_t>(std::min<std::size_t>(piece.size(), INT_MAX));
     }
     std::string_view found = piece.substr(run.start, run.end - run.start);
-    log.append("\r\n  found ");
+    log.Add("\r\n  found ");
     int outcome = kUnitFound;
     if (unit.compareSwitch != 0) {
         std::int32_t compareStart = 0;
@@ -611,28 +631,31 @@ UnitRun RunUnit(const RegRuleMatcher& unit, std::string_view text, std::size_t o
         int compared = SearchUpToZero(unit.comparePattern, found, 0, foundZeros, compareStart,
                                       compareEnd, budget);
         if (compared == kSearchStopped) {
-            log.append("stopped (").append(budget.Reason()).append(") :").append(unit.comment);
+            log.Add("stopped (").Add(budget.Reason()).Add(") :").Add(unit.comment);
             run.result = kUnitStopped;
             return run;
         }
         if (compared == kSearchFound) {
-            log.append("-compared ");
+            log.Add("-compared ");
         } else {
             outcome = kUnitNotFound;
         }
     }
     if (unit.replaceSwitch != 0 && outcome == kUnitFound) {
-        log.append("-modified ");
+        log.Add("-modified ");
         outcome = kUnitReplaced;
     }
-    log.append(" :").append(unit.comment);
+    log.Add(" :").Add(unit.comment);
     run.result = outcome;
     return run;
 }
 
 // Applies the main loop's rewrites as they come, in order and without overlap. While no
 // replacement outgrows what has been read so far, the text is compacted in place (the part not
-// yet searched is never touched); after that the rest is built once in a new buffer.
+// yet searched is never touched); after that the rest is built once in a new buffer. Until
+// Finish the text as given can be restored: the source bytes overwritten in place are kept as
+// they are consumed, so the guarantee costs nothing before the first rewrite and a copy of the
+// consumed stretch only, not of the whole text.
 class TextRewriter {
   public:
     explicit TextRewriter(std::string& text) : m_text(text) {}
@@ -648,6 +671,7 @@ class TextRewriter {
         if (m_building) {
             m_output.append(m_text, m_read, gap).append(replacement);
         } else {
+            m_undo.append(m_text, m_read, end - m_read);
             char* data = m_text.data();
             if (m_write != m_read) {
                 std::memmove(data + m_write, data + m_read, gap);
@@ -660,8 +684,47 @@ class TextRewriter {
         m_changed = true;
     }
 
-    void Finish() {
+    // The only rewrite of a run that makes one pass: spliced into the text where it stands, as a
+    // plain std::string::replace, without a second page-sized buffer.
+    void ReplaceOnly(std::size_t start, std::size_t end, std::string_view replacement) {
+        if (m_changed) {
+            Replace(start, end, replacement);
+            return;
+        }
+        m_undo.assign(m_text, start, end - start);
+        m_spliceStart = start;
+        m_spliceLength = replacement.size();
+        m_text.replace(start, end - start, replacement);
+        m_spliced = true;
+        m_changed = true;
+    }
+
+    // The text as given (before Finish).
+    std::string Original() const {
+        if (m_spliced) {
+            std::string original(m_text);
+            original.replace(m_spliceStart, m_spliceLength, m_undo);
+            return original;
+        }
         if (!m_changed) {
+            return m_text;
+        }
+        std::string original(m_undo);
+        original.append(m_text, m_undo.size(), std::string::npos);
+        return original;
+    }
+
+    // Gives the text back as it was given (before Finish).
+    void Undo() {
+        if (m_spliced) {
+            m_text.replace(m_spliceStart, m_spliceLength, m_undo);
+        } else if (m_changed) {
+            std::memcpy(m_text.data(), m_undo.data(), m_undo.size());
+        }
+    }
+
+    void Finish() {
+        if (!m_changed || m_spliced) {
             return;
         }
         if (m_building) {
@@ -677,6 +740,11 @@ class TextRewriter {
   private:
     std::string& m_text;
     std::string m_output;
+    std::string m_undo;  // the source bytes [0, m_read) while compacting in place, or the
+                         // spliced bytes
+    std::size_t m_spliceStart = 0;
+    std::size_t m_spliceLength = 0;  // of the replacement, for ReplaceOnly
+    bool m_spliced = false;
     std::size_t m_write = 0;  // end of the settled text in place
     std::size_t m_read = 0;   // end of the source consumed so far
     bool m_building = false;
@@ -746,6 +814,7 @@ int CompilePattern(RulePattern& pattern, std::string_view text) {
 
 int SearchPattern(const RulePattern& pattern, std::string_view text, std::int32_t& start,
                   std::int32_t& end) {
+    ScopedByteLocale byteLocale;
     ZeroScan zeros(text);
     Budget budget{RunLimits{}};
     return SearchUpToZero(pattern, text, 0, zeros, start, end, budget);
@@ -775,16 +844,20 @@ int ApplyUnit(const RegRuleMatcher& unit, std::string& text, std::string& found,
 }
 
 // The end of a stopped rule run: the caller's text as it was given, and the verdict line.
-int StopRule(const ContentRule& rule, std::string& text, std::optional<std::string>& original,
-             const Budget& budget, std::string* stopReason) {
-    if (original) {
+// Before the rewriter finished, it restores the text; after that `original` holds it when the
+// rest of the run could stop.
+int StopRule(const ContentRule& rule, std::string& text, TextRewriter* rewriter,
+             std::optional<std::string>& original, const Budget& budget, std::string* stopReason) {
+    if (rewriter != nullptr) {
+        rewriter->Undo();
+    } else if (original) {
         text.swap(*original);
     }
-    TestLog()
-        .append("\r\n\r\n -- stopped (")
-        .append(budget.Reason())
-        .append("), the text is left unchanged :")
-        .append(rule.name);
+    Trace()
+        .Add("\r\n\r\n -- stopped (")
+        .Add(budget.Reason())
+        .Add("), the text is left unchanged :")
+        .Add(rule.name);
     if (stopReason != nullptr) {
         *stopReason = budget.Reason();
     }
@@ -796,6 +869,7 @@ int StopRule(const ContentRule& rule, std::string& text, std::optional<std::stri
 int ApplyRegRule(const RegRuleMatcher& unit, std::string& text, std::string& found,
                  std::int32_t& start, std::int32_t& end, const RunLimits& limits,
                  std::string* stopReason) {
+    ScopedByteLocale byteLocale;
     Budget budget(limits);
     int result = ApplyUnit(unit, text, found, start, end, budget);
     if (result == kUnitStopped && stopReason != nullptr) {
@@ -806,14 +880,16 @@ int ApplyRegRule(const RegRuleMatcher& unit, std::string& text, std::string& fou
 
 int ApplyContentRule(const ContentRule& rule, std::string& text, const RunLimits& limits,
                      std::string* stopReason) {
-    std::string& log = TestLog();
-    log.clear();
+    Trace log;
+    log.Clear();
     if (rule.enable == 0) {
-        log.append(" -- disabled: ").append(rule.name);
+        log.Add(" -- disabled: ").Add(rule.name);
         return kRuleDisabled;
     }
+    ScopedByteLocale byteLocale;
     Budget budget(limits);
-    // The text as given, kept from the first rewrite on so that a stopped run can give it back.
+    // The text as given, kept once the rewriter finished when the Replace Rule could still stop
+    // the run (a search with a back-reference).
     std::optional<std::string> original;
 
     // Every pass searches the rest of the caller's text in place (from `rest` on it is still
@@ -829,21 +905,22 @@ int ApplyContentRule(const ContentRule& rule, std::string& text, const RunLimits
     std::size_t length = source.size();
     const std::size_t maxLength = limits.growthFactor * source.size() + limits.growthBytes;
     auto rewrite = [&](std::size_t start, std::size_t end, std::string_view replacement) {
-        if (!original) {
-            original = text;
+        if (rule.recurse != 1) {
+            rewriter.ReplaceOnly(start, end, replacement);
+        } else {
+            rewriter.Replace(start, end, replacement);
         }
-        rewriter.Replace(start, end, replacement);
         length = length - (end - start) + replacement.size();
     };
     while (true) {
-        if (!log.empty()) {
-            log.append("\r\n\r\n");
+        if (!log.Empty()) {
+            log.Add("\r\n\r\n");
         }
-        log.append("Main Rule:");
+        log.Add("Main Rule:");
         std::string_view piece(source.data() + rest, source.size() - rest);
         UnitRun run = RunUnit(rule.main, source, rest, zeros, budget);
         if (run.result == kUnitStopped) {
-            return StopRule(rule, text, original, budget, stopReason);
+            return StopRule(rule, text, &rewriter, original, budget, stopReason);
         }
         if (run.result == kUnitNotFound || run.result == kUnitSkipped) {
             break;
@@ -858,7 +935,7 @@ int ApplyContentRule(const ContentRule& rule, std::string& text, const RunLimits
             }
             ++count;
         } else {
-            log.append("\r\nSubRules :");
+            log.Add("\r\nSubRules :");
             std::string region = replaced
                                      ? rule.main.replacement
                                      : std::string(piece.substr(run.start, run.end - run.start));
@@ -878,7 +955,7 @@ int ApplyContentRule(const ContentRule& rule, std::string& text, const RunLimits
                     subResult = ApplyUnit(*subRule, collected, found, subStart, subEnd, budget);
                 }
                 if (subResult == kUnitStopped) {
-                    return StopRule(rule, text, original, budget, stopReason);
+                    return StopRule(rule, text, &rewriter, original, budget, stopReason);
                 }
                 if (subResult == kUnitNotFound) {
                     abandoned = !any;
@@ -903,7 +980,7 @@ int ApplyContentRule(const ContentRule& rule, std::string& text, const RunLimits
                 "full content would repeat forever: the Find matches an empty stretch at "
                 "offset " +
                 std::to_string(rest));
-            return StopRule(rule, text, original, budget, stopReason);
+            return StopRule(rule, text, &rewriter, original, budget, stopReason);
         }
         rest = editEnd;
         if (!again) {
@@ -913,23 +990,28 @@ int ApplyContentRule(const ContentRule& rule, std::string& text, const RunLimits
             budget.Stop("the text grew past " + std::to_string(maxLength) + " bytes, " +
                         std::to_string(limits.growthFactor) + " times its length plus " +
                         std::to_string(limits.growthBytes >> 20) + " MB");
-            return StopRule(rule, text, original, budget, stopReason);
+            return StopRule(rule, text, &rewriter, original, budget, stopReason);
         }
         if (budget.Left().count() <= 0) {
             budget.Stop("the rule ran longer than " + budget.TimeText());
-            return StopRule(rule, text, original, budget, stopReason);
+            return StopRule(rule, text, &rewriter, original, budget, stopReason);
         }
+    }
+    bool replaceRuleRuns = rule.replace.enable != 0 && count > 0;
+    if (replaceRuleRuns && (rule.replace.findPattern.HasBackReferences() ||
+                            rule.replace.comparePattern.HasBackReferences())) {
+        original = rewriter.Original();
     }
     rewriter.Finish();
 
-    if (rule.replace.enable != 0 && count > 0) {
-        log.append("\r\nReplace Rule :");
+    if (replaceRuleRuns) {
+        log.Add("\r\nReplace Rule :");
         std::string found;
         std::int32_t start = 0;
         std::int32_t end = 0;
         int result = ApplyUnit(rule.replace, text, found, start, end, budget);
         if (result == kUnitStopped) {
-            return StopRule(rule, text, original, budget, stopReason);
+            return StopRule(rule, text, nullptr, original, budget, stopReason);
         }
         if (result != kUnitNotFound && result != kUnitSkipped) {
             best = kRuleReplaceApplied;
@@ -938,19 +1020,19 @@ int ApplyContentRule(const ContentRule& rule, std::string& text, const RunLimits
 
     switch (best) {
         case kRuleNothing:
-            log.append("\r\n\r\n -- not found :");
+            log.Add("\r\n\r\n -- not found :");
             break;
         case kRuleDisabled:
-            log.append("\r\n\r\n -- disabled :");
+            log.Add("\r\n\r\n -- disabled :");
             break;
         case kRuleFound:
-            log.append("\r\n\r\n -- found :");
+            log.Add("\r\n\r\n -- found :");
             break;
         default:
-            log.append("\r\n\r\n -- processed :");
+            log.Add("\r\n\r\n -- processed :");
             break;
     }
-    log.append(rule.name);
+    log.Add(rule.name);
     return best;
 }
 

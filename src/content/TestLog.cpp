@@ -4,6 +4,7 @@ namespace qbrix::content {
 
 namespace {
 std::string g_testLog;
+bool g_testLogEnabled = true;
 }  // namespace
 
 std::string& TestLog() {
@@ -12,6 +13,14 @@ std::string& TestLog() {
 
 void ResetTestLog() {
     std::string().swap(g_testLog);
+}
+
+bool TestLogEnabled() {
+    return g_testLogEnabled;
+}
+
+void SetTestLogEnabled(bool enabled) {
+    g_testLogEnabled = enabled;
 }
 
 }  // namespace qbrix::content

@@ -634,6 +634,16 @@ TEST_F(RuleEngineTest, MatchesCopyPerPassEngineOnGeneratedInputs) {
         std::string slow = input;
         int fastResult = ApplyContentRule(*rule, fast);
         std::string fastLog = TestLog();
+        if (round % 4 == 0) {
+            // With the trace switched off: the same result and text, and the trace untouched.
+            SetTestLogEnabled(false);
+            std::string quiet = input;
+            int quietResult = ApplyContentRule(*rule, quiet);
+            SetTestLogEnabled(true);
+            ASSERT_EQ(quietResult, fastResult) << "round " << round;
+            ASSERT_EQ(quiet, fast) << "round " << round;
+            ASSERT_EQ(TestLog(), fastLog) << "round " << round;
+        }
         // A run either ends within a pass per byte or never: the engine stops exactly those.
         int slowResult = ReferenceApplyContentRule(*rule, slow, 100);
         if (slowResult == kLoopedForever) {
@@ -713,6 +723,16 @@ INSTANTIATE_TEST_SUITE_P(
                             trace += "\r\n\r\n" + kPass;
                         return trace;
                     }()},
+        // Shrinking rewrites compacted in place, then growing ones built in a new buffer.
+        StoppedCase{"GrowthAfterRewritesInPlace", WithReplace(Unit("abc|d"), "XY"),
+                    "abcabcabcdddddd", RunLimits{std::chrono::milliseconds(5000), 1, 0},
+                    "the text grew past 15 bytes, 1 times its length plus 0 MB",
+                    [] {
+                        std::string trace = kPass;
+                        for (int i = 1; i < 7; ++i)
+                            trace += "\r\n\r\n" + kPass;
+                        return trace;
+                    }()},
         StoppedCase{"Time", WithReplace(Unit("a"), "b"), "aaa",
                     RunLimits{std::chrono::milliseconds(0)}, "the rule ran longer than 0 seconds",
                     kPass}),
@@ -751,6 +771,16 @@ TEST_F(RuleEngineTest, BackReferenceSearchesRunWithinTheTimeLimit) {
     EXPECT_EQ(text, given);
     EXPECT_EQ(reason, "a search with a back-reference ran longer than 300 ms");
     EXPECT_EQ(TestLog().rfind("Main Rule:\r\n  stopped (" + reason + ") :c", 0), 0u);
+
+    // The Replace Rule's search stops after the main rule rewrote the text (once, or on every
+    // pass).
+    for (DWORD recurse : {0u, 1u}) {
+        std::string rewritten = given;
+        auto replaced =
+            MakeRule(WithReplace(Unit("ba"), "abc"), recurse, {}, Unit("(.+)(.+)\\2\\1z"));
+        EXPECT_EQ(ApplyContentRule(*replaced, rewritten, limits, &reason), kRuleStopped);
+        EXPECT_EQ(rewritten, given) << recurse;
+    }
 
     RegRuleMatcher unit;
     unit.Assign(Unit("(.+)(.+)\\2\\1z"));

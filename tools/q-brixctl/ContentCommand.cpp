@@ -161,8 +161,13 @@ int RuleTest(const Parsed& parsed, std::size_t row, std::ostream& out, std::ostr
         return 1;
     }
     std::string stopReason;
+    auto trace = parsed.options.find("--trace");
+    // The trace is only built when it is written out.
+    bool traced = TestLogEnabled();
+    SetTestLogEnabled(trace != parsed.options.end());
     int verdict = ApplyContentRule(*rule, text, RunLimits{}, &stopReason);
-    if (auto trace = parsed.options.find("--trace"); trace != parsed.options.end()) {
+    SetTestLogEnabled(traced);
+    if (trace != parsed.options.end()) {
         if (!WriteWholeFile(trace->second, TestLog())) {
             err << "q-brixctl: cannot write " << trace->second << "\n";
             return 1;
