@@ -362,18 +362,30 @@ HANDLE CreateMailslot(std::string_view name, DWORD maxMessageSize, DWORD readTim
     return Current().Handles().Add(std::move(reader));
 }
 
+namespace {
+
+// The reader behind a mailslot handle; null with ERROR_INVALID_HANDLE when there is none (also
+// when the platform is gone: the reader thread may outlive it at process exit).
+auto FindReader(HANDLE mailslot) {
+    auto reader = IsInstalled() ? Current().Handles().FindAs<MailslotReader>(mailslot) : nullptr;
+    if (reader == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+    }
+    return reader;
+}
+
+}  // namespace
+
 BOOL ReadMailslot(HANDLE mailslot, void* buffer, DWORD size, DWORD* bytesRead) {
     if (bytesRead != nullptr) {
         *bytesRead = 0;
     }
-    // The reader thread may outlive the platform at process exit; it then only fails.
-    if (!IsInstalled() || buffer == nullptr || bytesRead == nullptr) {
+    if (buffer == nullptr || bytesRead == nullptr) {
         SetLastError(ERROR_INVALID_HANDLE);
         return 0;
     }
-    auto reader = Current().Handles().FindAs<MailslotReader>(mailslot);
+    auto reader = FindReader(mailslot);
     if (reader == nullptr) {
-        SetLastError(ERROR_INVALID_HANDLE);
         return 0;
     }
     return reader->Read(buffer, size, bytesRead);
@@ -384,14 +396,12 @@ BOOL ReadMailslotMessages(HANDLE mailslot, void* buffer, DWORD size, DWORD count
     if (messagesRead != nullptr) {
         *messagesRead = 0;
     }
-    if (!IsInstalled() || buffer == nullptr || lengths == nullptr || messagesRead == nullptr ||
-        count == 0) {
+    if (buffer == nullptr || lengths == nullptr || messagesRead == nullptr || count == 0) {
         SetLastError(ERROR_INVALID_HANDLE);
         return 0;
     }
-    auto reader = Current().Handles().FindAs<MailslotReader>(mailslot);
+    auto reader = FindReader(mailslot);
     if (reader == nullptr) {
-        SetLastError(ERROR_INVALID_HANDLE);
         return 0;
     }
     return reader->ReadMany(static_cast<char*>(buffer), size, count, lengths, messagesRead);
