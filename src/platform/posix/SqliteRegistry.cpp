@@ -152,7 +152,7 @@ LONG CopyData(std::string_view bytes, BYTE* data, DWORD* size) {
 
 // A cached prepared statement, reset when the wrapper goes out of scope.
 class SqliteRegistry::Statement {
-public:
+  public:
     Statement(SqliteRegistry& registry, const char* sql)
         : m_registry(registry), m_stmt(registry.Prepare(sql)) {}
     ~Statement() {
@@ -188,7 +188,7 @@ public:
     std::int64_t Int(int column) { return sqlite3_column_int64(m_stmt, column); }
     std::string_view Bytes(int column) { return ColumnBytes(m_stmt, column); }
 
-private:
+  private:
     SqliteRegistry& m_registry;
     sqlite3_stmt* m_stmt;
 };
@@ -196,7 +196,7 @@ private:
 // One change: BEGIN IMMEDIATE ... COMMIT, or a savepoint inside a caller's transaction scope;
 // rolled back unless committed.
 class SqliteRegistry::Transaction {
-public:
+  public:
     explicit Transaction(SqliteRegistry& registry)
         : m_registry(registry), m_db(registry.m_db), m_nested(sqlite3_get_autocommit(m_db) == 0) {
         m_rc = sqlite3_exec(m_db, m_nested ? "SAVEPOINT change" : "BEGIN IMMEDIATE", nullptr,
@@ -218,7 +218,7 @@ public:
         return FromSqlite(rc);
     }
 
-private:
+  private:
     SqliteRegistry& m_registry;
     sqlite3* m_db;
     bool m_nested;
@@ -229,7 +229,9 @@ private:
 SqliteRegistry::SqliteRegistry(std::string databasePath, std::uint32_t uid)
     : m_path(std::move(databasePath)), m_uid(uid) {}
 
-SqliteRegistry::~SqliteRegistry() { CloseDatabase(); }
+SqliteRegistry::~SqliteRegistry() {
+    CloseDatabase();
+}
 
 void SqliteRegistry::SetBusyTimeoutMs(int timeoutMs) {
     std::lock_guard guard(m_lock);
@@ -381,8 +383,8 @@ LONG SqliteRegistry::InitializeSchema() {
     if (m_readOnly) {
         return ERROR_SUCCESS;
     }
-    rc = sqlite3_exec(m_db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", nullptr,
-                      nullptr, nullptr);
+    rc = sqlite3_exec(m_db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", nullptr, nullptr,
+                      nullptr);
     if (rc != SQLITE_OK) {
         return FromSqlite(rc);
     }
@@ -468,8 +470,7 @@ LONG SqliteRegistry::FindChild(std::int64_t parent, std::string_view name, std::
 LONG SqliteRegistry::CurrentUserKey(bool create, std::int64_t* id) {
     std::string name = std::to_string(m_uid);
     if (create && !m_readOnly) {
-        Statement insert(*this,
-                         "INSERT OR IGNORE INTO keys(parent, name, fold) VALUES(?, ?, ?)");
+        Statement insert(*this, "INSERT OR IGNORE INTO keys(parent, name, fold) VALUES(?, ?, ?)");
         int rc = insert.Bind(1, kUsersId).BindText(2, name).BindText(3, name).Step();
         if (rc != SQLITE_DONE) {
             return FromSqlite(rc);
@@ -548,6 +549,17 @@ bool SqliteRegistry::CursorUsable(EnumCursor& cursor, std::int64_t keyId, DWORD 
     cursor.changes = changes;
     cursor.dataVersion = dataVersion;
     return usable;
+}
+
+LONG SqliteRegistry::StartEnumeration(HKEY key, EnumCursor& cursor, std::int64_t keyId, DWORD index,
+                                      bool* usable) {
+    *usable = CursorUsable(cursor, keyId, index);
+    // A usable cursor vouches for the key: it existed at the previous call, and nothing changed
+    // since. Otherwise a key held by a handle may have been deleted under it.
+    if (!*usable && m_handles.count(reinterpret_cast<std::uintptr_t>(key)) != 0) {
+        return KeyExists(keyId);
+    }
+    return ERROR_SUCCESS;
 }
 
 HKEY SqliteRegistry::NewHandle(std::int64_t id, REGSAM access) {
@@ -769,14 +781,11 @@ LONG SqliteRegistry::EnumKeyEx(HKEY key, DWORD index, char* name, DWORD* nameSiz
         return rc;
     }
     // The next index continues after the previous row (one index lookup); any other index, or
-    // a store changed since, counts from the first row. A usable cursor also vouches for the
-    // key: it existed at the previous call, and nothing changed since.
+    // a store changed since, counts from the first row.
     EnumCursor& cursor = m_cursors[reinterpret_cast<std::uintptr_t>(key)].subKeys;
-    bool usable = CursorUsable(cursor, id, index);
-    if (!usable && m_handles.count(reinterpret_cast<std::uintptr_t>(key)) != 0) {
-        if (LONG rc = KeyExists(id); rc != ERROR_SUCCESS) {
-            return rc;
-        }
+    bool usable = false;
+    if (LONG rc = StartEnumeration(key, cursor, id, index, &usable); rc != ERROR_SUCCESS) {
+        return rc;
     }
     Statement stmt(*this, !usable                 ? kSubKeyByOffset
                           : index == cursor.index ? kSubKeyAtCursor
@@ -814,11 +823,9 @@ LONG SqliteRegistry::EnumValue(HKEY key, DWORD index, char* name, DWORD* nameSiz
         return rc;
     }
     EnumCursor& cursor = m_cursors[reinterpret_cast<std::uintptr_t>(key)].values;
-    bool usable = CursorUsable(cursor, id, index);
-    if (!usable && m_handles.count(reinterpret_cast<std::uintptr_t>(key)) != 0) {
-        if (LONG rc = KeyExists(id); rc != ERROR_SUCCESS) {
-            return rc;
-        }
+    bool usable = false;
+    if (LONG rc = StartEnumeration(key, cursor, id, index, &usable); rc != ERROR_SUCCESS) {
+        return rc;
     }
     Statement stmt(*this, !usable                 ? kValueByOffset
                           : index == cursor.index ? kValueAtCursor
@@ -843,9 +850,8 @@ LONG SqliteRegistry::EnumValue(HKEY key, DWORD index, char* name, DWORD* nameSiz
     return CopyData(bytes, data, dataSize);
 }
 
-LONG SqliteRegistry::QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLength,
-                                  DWORD* values, DWORD* maxValueNameLength,
-                                  DWORD* maxValueLength) {
+LONG SqliteRegistry::QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLength, DWORD* values,
+                                  DWORD* maxValueNameLength, DWORD* maxValueLength) {
     std::lock_guard guard(m_lock);
     if (LONG rc = EnsureOpen(); rc != ERROR_SUCCESS) {
         return rc;
@@ -854,7 +860,8 @@ LONG SqliteRegistry::QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLeng
     if (LONG rc = Resolve(key, KEY_QUERY_VALUE, &id); rc != ERROR_SUCCESS) {
         return rc;
     }
-    Statement keys(*this, "SELECT count(*), ifnull(max(length(name)), 0) FROM keys WHERE parent = ?");
+    Statement keys(*this,
+                   "SELECT count(*), ifnull(max(length(name)), 0) FROM keys WHERE parent = ?");
     int rc = keys.Bind(1, id).Step();
     if (rc != SQLITE_ROW) {
         return FromSqlite(rc);
@@ -866,11 +873,16 @@ LONG SqliteRegistry::QueryInfoKey(HKEY key, DWORD* subKeys, DWORD* maxSubKeyLeng
     if (rc != SQLITE_ROW) {
         return FromSqlite(rc);
     }
-    if (subKeys != nullptr) *subKeys = static_cast<DWORD>(keys.Int(0));
-    if (maxSubKeyLength != nullptr) *maxSubKeyLength = static_cast<DWORD>(keys.Int(1));
-    if (values != nullptr) *values = static_cast<DWORD>(vals.Int(0));
-    if (maxValueNameLength != nullptr) *maxValueNameLength = static_cast<DWORD>(vals.Int(1));
-    if (maxValueLength != nullptr) *maxValueLength = static_cast<DWORD>(vals.Int(2));
+    if (subKeys != nullptr)
+        *subKeys = static_cast<DWORD>(keys.Int(0));
+    if (maxSubKeyLength != nullptr)
+        *maxSubKeyLength = static_cast<DWORD>(keys.Int(1));
+    if (values != nullptr)
+        *values = static_cast<DWORD>(vals.Int(0));
+    if (maxValueNameLength != nullptr)
+        *maxValueNameLength = static_cast<DWORD>(vals.Int(1));
+    if (maxValueLength != nullptr)
+        *maxValueLength = static_cast<DWORD>(vals.Int(2));
     return ERROR_SUCCESS;
 }
 

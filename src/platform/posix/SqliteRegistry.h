@@ -17,14 +17,14 @@ struct sqlite3_stmt;
 namespace qbrix::platform {
 
 class SqliteRegistry : public Registry {
-public:
+  public:
     // The database is opened on first use; a store that cannot be opened (unreadable, corrupt,
     // locked) makes every call fail with an error code and leaves the file untouched.
     SqliteRegistry(std::string databasePath, std::uint32_t uid);
     ~SqliteRegistry() override;
 
-    LONG CreateKeyEx(HKEY key, std::string_view subKey, DWORD options, REGSAM access,
-                     HKEY* result, DWORD* disposition) override;
+    LONG CreateKeyEx(HKEY key, std::string_view subKey, DWORD options, REGSAM access, HKEY* result,
+                     DWORD* disposition) override;
     LONG OpenKeyEx(HKEY key, std::string_view subKey, REGSAM access, HKEY* result) override;
     LONG CloseKey(HKEY key) override;
     LONG QueryValueEx(HKEY key, std::string_view name, DWORD* type, BYTE* data,
@@ -49,7 +49,7 @@ public:
     // more fails as it would on a full disk (how the tests make a disk full).
     void LimitSizeInPages(int pages);
 
-private:
+  private:
     struct OpenKey {
         std::int64_t id;
         REGSAM access;
@@ -97,6 +97,9 @@ private:
     // stamps the cursor with the store's current state either way (false: the state could not
     // be read, and the cursor is not used).
     bool CursorUsable(EnumCursor& cursor, std::int64_t keyId, DWORD index);
+    // CursorUsable, and without a usable cursor the check that a handle's key still exists.
+    LONG StartEnumeration(HKEY key, EnumCursor& cursor, std::int64_t keyId, DWORD index,
+                          bool* usable);
 
     std::string m_path;
     std::uint32_t m_uid;
