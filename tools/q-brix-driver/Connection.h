@@ -9,7 +9,9 @@
 namespace qbrix::refdriver {
 
 struct Connection {
-    std::string image;            // process image name, the key of the application
+    // Process image name, the key of the application; empty when the owner is unknown (the
+    // socket closed before it was identified, or the kernel's own traffic).
+    std::string image;
     std::string path;             // full path when known; empty otherwise
     std::uint32_t protocol = 1;   // 1 TCP, 2 UDP
     std::uint32_t direction = 2;  // 1 incoming, 2 outgoing
@@ -17,6 +19,9 @@ struct Connection {
     std::uint16_t remotePort = 0;
     std::uint16_t localPort = 0;
     std::uint64_t bytes = 0;  // moved when the connection is approved
+    // Live mode: names the queued packets waiting for this connection's verdict; 0 for a
+    // simulated connection.
+    std::uint64_t ticket = 0;
 };
 
 // Parses the words after "connect". 0 on success; 1 with a reason in *error.

@@ -158,6 +158,10 @@ void DriverServer::SetScenario(std::vector<ScenarioStep> steps) {
     m_scenarioStart = Clock::now();
 }
 
+void DriverServer::AddSource(PollSource* source) {
+    m_sources.push_back(source);
+}
+
 void DriverServer::Stop() {
     char byte = 1;
     [[maybe_unused]] ssize_t ignored = ::write(m_wake[1], &byte, 1);
@@ -242,6 +246,9 @@ void DriverServer::Run() {
     for (;;) {
         PlayDueSteps();
         Clock::time_point next = m_driver.NextDeadline();
+        for (PollSource* source : m_sources) {
+            next = std::min(next, source->Tick(Clock::now()));
+        }
         if (m_nextStep < m_steps.size()) {
             next = std::min(next, m_scenarioStart + m_steps[m_nextStep].at);
         }
@@ -253,6 +260,14 @@ void DriverServer::Run() {
         }
         std::vector<pollfd> fds = {
             {m_wake[0], POLLIN, 0}, {m_deviceListener, POLLIN, 0}, {m_controlListener, POLLIN, 0}};
+        std::vector<PollSource*> owners;
+        for (PollSource* source : m_sources) {
+            for (int fd : source->Fds()) {
+                fds.push_back({fd, POLLIN, 0});
+                owners.push_back(source);
+            }
+        }
+        std::size_t firstClient = fds.size();
         for (const Client& client : m_clients) {
             fds.push_back({client.fd, POLLIN, 0});
         }
@@ -278,12 +293,17 @@ void DriverServer::Run() {
                 m_clients.push_back(Client{fd, listener == 2, {}});
             }
         }
+        for (std::size_t i = 0; i < owners.size(); ++i) {
+            if (fds[3 + i].revents != 0) {
+                owners[i]->Ready(fds[3 + i].fd);
+            }
+        }
         std::vector<int> closed;
-        for (std::size_t i = 3; i < fds.size(); ++i) {
+        for (std::size_t i = firstClient; i < fds.size(); ++i) {
             if (fds[i].revents == 0) {
                 continue;
             }
-            Client& client = m_clients[i - 3];
+            Client& client = m_clients[i - firstClient];
             char chunk[65536];
             ssize_t got = ::recv(client.fd, chunk, sizeof(chunk), MSG_DONTWAIT);
             bool keep = got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR));

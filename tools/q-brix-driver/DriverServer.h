@@ -12,6 +12,16 @@
 
 namespace qbrix::refdriver {
 
+// More work for the server's one thread: descriptors to wait on, and a tick.
+class PollSource {
+  public:
+    virtual ~PollSource() = default;
+    virtual std::vector<int> Fds() const = 0;
+    virtual void Ready(int fd) = 0;
+    // Periodic work; returns when it wants to run next.
+    virtual ReferenceDriver::Clock::time_point Tick(ReferenceDriver::Clock::time_point now) = 0;
+};
+
 class DriverServer {
   public:
     DriverServer(ReferenceDriver& driver, std::string dataRoot);
@@ -23,6 +33,8 @@ class DriverServer {
     // (among them: the device socket is already served by another driver).
     int Open(std::string* error);
     void SetScenario(std::vector<ScenarioStep> steps);
+    // Served in the same loop as the sockets; not owned.
+    void AddSource(PollSource* source);
     // Serves until Stop, SIGTERM or SIGINT.
     void Run();
     // Safe from a signal handler or another thread.
@@ -52,6 +64,7 @@ class DriverServer {
     int m_controlListener = -1;
     int m_wake[2] = {-1, -1};
     std::vector<Client> m_clients;
+    std::vector<PollSource*> m_sources;
     std::vector<ScenarioStep> m_steps;
     std::size_t m_nextStep = 0;
     ReferenceDriver::Clock::time_point m_scenarioStart;

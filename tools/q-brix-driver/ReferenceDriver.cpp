@@ -152,8 +152,10 @@ std::string ReferenceDriver::Decide(const Connection& connection, AppRecord* app
     if (application.empty() && app != nullptr) {
         application = std::string(driver::FieldText(app->path));
     }
-    driver::SetFieldText(activity.application,
-                         application.empty() ? connection.image : application);
+    if (application.empty()) {
+        application = connection.image.empty() ? "(unknown program)" : connection.image;
+    }
+    driver::SetFieldText(activity.application, application);
     activity.connection.enabled = 1;
     driver::SetFieldText(activity.connection.name, decidedBy);
     activity.connection.address = connection.address;
@@ -173,11 +175,21 @@ std::string ReferenceDriver::Decide(const Connection& connection, AppRecord* app
         int counter = (connection.protocol == 2 ? 2 : 0) + (connection.direction == 2 ? 1 : 0);
         app->counters[counter].Set(app->counters[counter].Value() + connection.bytes);
     }
+    if (m_options.onDecided) {
+        m_options.onDecided(connection, result == 0);
+    }
     return std::string(result == 0 ? "approved" : "rejected") + " by " + decidedBy;
 }
 
+void ReferenceDriver::AddTraffic(std::string_view image, int counter, std::uint64_t bytes) {
+    if (AppRecord* app = FindApp(image); app != nullptr && counter >= 0 && counter < 4) {
+        app->counters[counter].Set(app->counters[counter].Value() + bytes);
+    }
+}
+
 std::string ReferenceDriver::Inject(const Connection& connection, Clock::time_point now) {
-    if (m_filtering == 0) {
+    // A connection nobody owns (any more) cannot be asked about: the default zone decides.
+    if (m_filtering == 0 || connection.image.empty()) {
         return Decide(connection, FindApp(connection.image));
     }
     if (AppRecord* app = FindApp(connection.image); app != nullptr) {
@@ -268,9 +280,6 @@ Reply ReferenceDriver::UpsertApp(const AppRecord& record) {
     }
     AppRecord* app = FindApp(image);
     if (app == nullptr) {
-        if (m_apps.size() == kMaxApps) {
-            return Failure(platform::ERROR_NOT_ENOUGH_MEMORY);
-        }
         m_apps.push_back(record);
         app = &m_apps.back();
         std::memset(app->counters, 0, sizeof(app->counters));

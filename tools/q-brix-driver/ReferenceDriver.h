@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,7 +28,9 @@ class ReferenceDriver {
   public:
     using Clock = std::chrono::steady_clock;
 
-    static constexpr std::size_t kMaxApps = 75;
+    // The driver keeps any number of applications; a list request returns as many as the
+    // caller's room holds (the control program gives room for 75), in the order the programs
+    // first became known.
     static constexpr std::size_t kMaxQuestions = 32;
     static constexpr std::size_t kMaxActivity = 1000;
 
@@ -38,6 +41,9 @@ class ReferenceDriver {
         // A driver that never runs dry (tests of the activity poll): every activity read is
         // answered with as many records as fit, the real decisions first, then made-up ones.
         bool flood = false;
+        // Called for every decision, at once or when a held connection is released (live mode
+        // gives the packets their verdicts here).
+        std::function<void(const Connection&, bool approved)> onDecided;
     };
 
     ReferenceDriver();
@@ -49,6 +55,14 @@ class ReferenceDriver {
     // A simulated connection attempt; returns what became of it ("approved ...", "rejected ...",
     // "held ...").
     std::string Inject(const Connection& connection, Clock::time_point now = Clock::now());
+
+    void SetOnDecided(std::function<void(const Connection&, bool approved)> onDecided) {
+        m_options.onDecided = std::move(onDecided);
+    }
+
+    // Adds bytes an approved connection moved to its program's counter (0 TCP in, 1 TCP out,
+    // 2 UDP in, 3 UDP out); nothing when the program is not known (any more).
+    void AddTraffic(std::string_view image, int counter, std::uint64_t bytes);
 
     // Decides held connections whose question was not answered in time by the default zone.
     void Tick(Clock::time_point now = Clock::now());

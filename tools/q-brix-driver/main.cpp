@@ -3,7 +3,7 @@
 // and takes simulated connections from a scenario or from the command line.
 //
 //   q-brix-driver [--root DIR] [--foreground] [--scenario FILE|demo] [--version-text TEXT]
-//                 [--hold-ms MS] [--flood]
+//                 [--hold-ms MS] [--flood] [--live [--queues N]]
 //   q-brix-driver [--root DIR] --inject "connect IMAGE tcp|udp in|out A.B.C.D:PORT [BYTES] ..."
 //   q-brix-driver [--root DIR] --status
 //   q-brix-driver --help
@@ -14,10 +14,12 @@
 #include <charconv>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 
 #include "DriverServer.h"
+#include "LiveFilter.h"
 #include "Scenario.h"
 #include "platform/posix/PosixPlatform.h"
 
@@ -29,6 +31,7 @@ using qbrix::refdriver::ReferenceDriver;
 constexpr char kUsage[] =
     "usage: q-brix-driver [--root DIR] [--foreground] [--scenario FILE|demo]\n"
     "                     [--version-text TEXT] [--hold-ms MS] [--flood]\n"
+    "                     [--live [--queues N]]\n"
     "       q-brix-driver [--root DIR] --inject \"connect IMAGE tcp|udp in|out "
     "A.B.C.D:PORT [BYTES] [local=PORT] [path=P]\"\n"
     "       q-brix-driver [--root DIR] --status\n"
@@ -81,6 +84,8 @@ int main(int argc, char** argv) {
     std::string scenario;
     std::string inject;
     bool status = false;
+    bool live = false;
+    qbrix::refdriver::LiveFilter::Settings liveSettings;
     ReferenceDriver::Options options;
     options.nineX = qbrix::platform::FamilyFromEnvironment() == qbrix::platform::Family::Win9x;
     for (int i = 1; i < argc; ++i) {
@@ -106,6 +111,17 @@ int main(int argc, char** argv) {
                 return Usage();
             }
             options.holdTime = std::chrono::milliseconds(ms);
+        } else if (arg == "--live") {
+            live = true;
+        } else if (arg == "--queues" && hasValue) {
+            std::string_view value = argv[++i];
+            unsigned count = 0;
+            auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), count);
+            if (error != std::errc() || end != value.data() + value.size() || count < 1 ||
+                count > 64) {
+                return Usage();
+            }
+            liveSettings.queueCount = static_cast<std::uint16_t>(count);
         } else if (arg == "--flood") {
             options.flood = true;
         } else if (arg == "--inject" && hasValue) {
@@ -151,6 +167,21 @@ int main(int argc, char** argv) {
     if (server.Open(&error) != 0) {
         std::fprintf(stderr, "q-brix-driver: %s\n", error.c_str());
         return 1;
+    }
+    // Live mode: the machine's own connections, from the kernel's queue. Set up before the
+    // driver detaches, so that what is missing is said where it was started.
+    std::unique_ptr<qbrix::refdriver::LiveFilter> filter;
+    if (live) {
+        filter = std::make_unique<qbrix::refdriver::LiveFilter>(driver, liveSettings);
+        std::string warning;
+        if (filter->Start(&error, &warning) != 0) {
+            std::fprintf(stderr, "q-brix-driver: live mode: %s\n", error.c_str());
+            return 1;
+        }
+        if (!warning.empty()) {
+            std::fprintf(stderr, "q-brix-driver: live mode: %s\n", warning.c_str());
+        }
+        server.AddSource(filter.get());
     }
     if (!foreground) {
         // The sockets stay bound across the fork; only the pid file names the parent.

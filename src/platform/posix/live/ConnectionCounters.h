@@ -1,0 +1,43 @@
+// The bytes each connection moved, from the kernel's connection tracking with accounting
+// switched on (per network namespace; the previous setting is restored on close): a dump of
+// every tracked connection, and the final counts of connections that ended.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/posix/live/Flow.h"
+
+struct nfct_handle;
+
+namespace qbrix::platform::live {
+
+// The connection (its original direction) and the bytes in each direction so far.
+using CounterSink =
+    std::function<void(const Flow& flow, std::uint64_t originalBytes, std::uint64_t replyBytes)>;
+
+class ConnectionCounters {
+  public:
+    // Null with the reason in *error (no conntrack netlink, no permission).
+    static std::unique_ptr<ConnectionCounters> Open(std::string* error);
+    ~ConnectionCounters();
+    ConnectionCounters(const ConnectionCounters&) = delete;
+    ConnectionCounters& operator=(const ConnectionCounters&) = delete;
+
+    // Every tracked TCP/UDP connection with its counts.
+    void Dump(const CounterSink& sink);
+    // The descriptor that turns readable when connections end, and their final counts.
+    int EndedFd() const;
+    void DrainEnded(const CounterSink& sink);
+
+  private:
+    ConnectionCounters() = default;
+
+    nfct_handle* m_dump = nullptr;
+    nfct_handle* m_events = nullptr;
+    std::string m_previousAccounting;
+};
+
+}  // namespace qbrix::platform::live

@@ -1,0 +1,185 @@
+#include "platform/posix/live/FirewallRules.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <vector>
+
+#include "platform/posix/live/PacketQueue.h"
+
+extern char** environ;
+
+namespace qbrix::platform::live {
+
+namespace {
+
+constexpr const char* kChains[] = {"QBRIX-IN", "QBRIX-OUT"};
+constexpr const char* kHooks[] = {"INPUT", "OUTPUT"};
+
+struct Outcome {
+    int status = -1;  // exit status; -1 when the program could not run
+    std::string output;
+};
+
+// Runs a program found on the path with the given input; its output and errors come back.
+Outcome Run(const std::vector<std::string>& words, const std::string& input = {}) {
+    Outcome outcome;
+    int in[2] = {-1, -1};
+    int out[2] = {-1, -1};
+    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
+        return outcome;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 2);
+    std::vector<char*> argv;
+    for (const std::string& word : words) {
+        argv.push_back(const_cast<char*>(word.c_str()));
+    }
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    int spawned = ::posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(in[0]);
+    ::close(out[1]);
+    if (spawned == 0) {
+        std::size_t written = 0;
+        while (written < input.size()) {
+            ssize_t n = ::write(in[1], input.data() + written, input.size() - written);
+            if (n <= 0 && errno != EINTR) {
+                break;
+            }
+            written += n > 0 ? static_cast<std::size_t>(n) : 0;
+        }
+    }
+    ::close(in[1]);
+    char chunk[4096];
+    for (ssize_t n; (n = ::read(out[0], chunk, sizeof(chunk))) != 0;) {
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            break;
+        }
+        outcome.output.append(chunk, static_cast<std::size_t>(n));
+    }
+    ::close(out[0]);
+    if (spawned != 0) {
+        outcome.output = words[0] + ": not found";
+        return outcome;
+    }
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
+}
+
+std::string Tool(bool ipv6, const char* suffix) {
+    return std::string(ipv6 ? "ip6tables" : "iptables") + suffix;
+}
+
+std::string QueueTarget(const RuleSettings& settings) {
+    std::string target = "-j NFQUEUE ";
+    if (settings.queueCount > 1) {
+        target += "--queue-balance " + std::to_string(settings.firstQueue) + ":" +
+                  std::to_string(settings.firstQueue + settings.queueCount - 1) + " --queue-cpu-fanout";
+    } else {
+        target += "--queue-num " + std::to_string(settings.firstQueue);
+    }
+    return target + " --queue-bypass";
+}
+
+void RemoveFamily(bool ipv6) {
+    std::string tool = Tool(ipv6, "");
+    for (int i = 0; i < 2; ++i) {
+        // Every jump, however many a crashed start left.
+        for (int tries = 0; tries < 64; ++tries) {
+            if (Run({tool, "-w", "-t", "filter", "-D", kHooks[i], "-j", kChains[i]}).status != 0) {
+                break;
+            }
+        }
+        Run({tool, "-w", "-t", "filter", "-F", kChains[i]});
+        Run({tool, "-w", "-t", "filter", "-X", kChains[i]});
+    }
+}
+
+}  // namespace
+
+std::string RuleScript(const RuleSettings& settings, bool ipv6) {
+    char mark[32];
+    std::snprintf(mark, sizeof(mark), "0x%x/0x%x", kRejectMark, kRejectMark);
+    std::string queue = QueueTarget(settings);
+    std::string script = "*filter\n:QBRIX-IN - [0:0]\n:QBRIX-OUT - [0:0]\n";
+    // A rejected outgoing packet comes back marked: the program gets a refusal at once instead
+    // of waiting for a time-out.
+    script += std::string("-A QBRIX-OUT -p tcp -m mark --mark ") + mark +
+              " -j REJECT --reject-with tcp-reset\n";
+    script += std::string("-A QBRIX-OUT -m mark --mark ") + mark + " -j REJECT --reject-with " +
+              (ipv6 ? "icmp6-port-unreachable" : "icmp-port-unreachable") + "\n";
+    for (const char* chain : kChains) {
+        for (const char* protocol : {"tcp", "udp"}) {
+            // Only a connection's first packet: a TCP retransmission or a UDP datagram after
+            // an approved first one is already counted by the tracking entry.
+            script += std::string("-A ") + chain + " -p " + protocol +
+                      " -m conntrack --ctstate NEW -m connbytes --connbytes 0:1 "
+                      "--connbytes-dir original --connbytes-mode packets " +
+                      queue + "\n";
+        }
+    }
+    script += "-I INPUT 1 -j QBRIX-IN\n-I OUTPUT 1 -j QBRIX-OUT\nCOMMIT\n";
+    return script;
+}
+
+int InstallRules(const RuleSettings& settings, InstalledFamilies* installed, std::string* error,
+                 std::string* warning) {
+    *installed = InstalledFamilies{};
+    for (bool ipv6 : {false, true}) {
+        RemoveFamily(ipv6);
+        Outcome outcome =
+            Run({Tool(ipv6, "-restore"), "-w", "--noflush"}, RuleScript(settings, ipv6));
+        if (outcome.status == 0) {
+            (ipv6 ? installed->ipv6 : installed->ipv4) = true;
+            continue;
+        }
+        std::string reason = outcome.status < 0 && outcome.output.find("not found") != std::string::npos
+                                 ? Tool(ipv6, "-restore") +
+                                       " is missing (install the Debian package iptables)"
+                                 : Tool(ipv6, "-restore") + " failed: " + outcome.output;
+        while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' ')) {
+            reason.pop_back();
+        }
+        if (!ipv6) {
+            *error = reason + " (the NFQUEUE target, the conntrack match and the REJECT target "
+                              "are needed, and the right to change the packet filter)";
+            return 1;
+        }
+        *warning = "IPv6 traffic is not filtered: " + reason;
+        RemoveFamily(true);
+    }
+    return 0;
+}
+
+void RemoveRules() {
+    RemoveFamily(false);
+    RemoveFamily(true);
+}
+
+bool RulesPresent() {
+    for (bool ipv6 : {false, true}) {
+        for (const char* chain : kChains) {
+            if (Run({Tool(ipv6, ""), "-w", "-t", "filter", "-n", "-L", chain}).status == 0) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+}  // namespace qbrix::platform::live

@@ -1,0 +1,54 @@
+// Who owns a connection: the socket behind a flow (netlink sock_diag, by its addresses and
+// ports: inode and user), then the process holding that socket (its /proc/PID/fd links, kept
+// in a cache that is refreshed only around the processes asked about), then the process's
+// executable.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <unordered_map>
+
+#include "platform/posix/live/Flow.h"
+
+namespace qbrix::platform::live {
+
+struct Owner {
+    pid_t pid = 0;
+    std::uint32_t uid = 0;
+    std::string path;   // the executable's full path
+    std::string image;  // its file name, the application's key
+};
+
+class SocketOwners {
+  public:
+    SocketOwners();
+    ~SocketOwners();
+    SocketOwners(const SocketOwners&) = delete;
+    SocketOwners& operator=(const SocketOwners&) = delete;
+
+    // The owner of the local end of a flow's first packet. False when no socket or process
+    // holds it any more (closed before it was identified, or the kernel's own traffic).
+    bool Find(const Flow& flow, Direction direction, Owner* owner);
+
+    // The socket's inode and user, by sock_diag. False when there is no such socket.
+    bool FindSocket(const Flow& flow, Direction direction, std::uint64_t* inode,
+                    std::uint32_t* uid);
+    // The process holding the socket inode; 0 when none.
+    pid_t FindProcess(std::uint64_t inode);
+
+  private:
+    // Reads one process's descriptors into the cache; false when it is gone.
+    bool ScanProcess(pid_t pid);
+    void ScanAll();
+    void Remember(pid_t pid);
+
+    int m_diag = -1;
+    std::uint32_t m_sequence = 0;
+    std::unordered_map<std::uint64_t, pid_t> m_sockets;  // socket inode -> process
+    std::deque<pid_t> m_recent;  // processes that opened connections lately, newest first
+};
+
+}  // namespace qbrix::platform::live

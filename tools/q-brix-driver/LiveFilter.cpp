@@ -1,0 +1,201 @@
+#include "LiveFilter.h"
+
+#include <netinet/in.h>
+
+#include <cstdio>
+
+namespace qbrix::refdriver {
+
+using platform::live::Direction;
+using platform::live::Flow;
+using platform::live::QueuedPacket;
+using platform::live::Verdict;
+
+namespace {
+
+constexpr std::size_t kImageField = sizeof(driver::AppRecord{}.imageName);
+constexpr auto kCountInterval = std::chrono::milliseconds(500);
+// A counted connection no dump has shown for this long has ended unseen.
+constexpr auto kForgetAfter = std::chrono::seconds(10);
+
+int DirectionIndex(Direction direction) {
+    return direction == Direction::Outgoing ? 1 : 0;
+}
+
+}  // namespace
+
+LiveFilter::LiveFilter(ReferenceDriver& driver, Settings settings)
+    : m_driver(driver), m_settings(settings) {
+    m_driver.SetOnDecided(
+        [this](const Connection& connection, bool approved) { OnDecided(connection, approved); });
+}
+
+LiveFilter::~LiveFilter() {
+    Stop();
+    m_driver.SetOnDecided(nullptr);
+}
+
+int LiveFilter::Start(std::string* error, std::string* warning) {
+    // The queues are read before any rule sends packets to them.
+    m_queue = platform::live::PacketQueue::Open(m_settings.firstQueue, m_settings.queueCount,
+                                                m_settings.queueLength, error);
+    if (m_queue == nullptr) {
+        return 1;
+    }
+    m_counters = platform::live::ConnectionCounters::Open(error);
+    if (m_counters == nullptr) {
+        m_queue.reset();
+        return 1;
+    }
+    platform::live::InstalledFamilies families;
+    if (platform::live::InstallRules({m_settings.firstQueue, m_settings.queueCount}, &families,
+                                     error, warning) != 0) {
+        m_counters.reset();
+        m_queue.reset();
+        return 1;
+    }
+    m_rulesInstalled = true;
+    return 0;
+}
+
+void LiveFilter::Stop() {
+    if (m_rulesInstalled) {
+        platform::live::RemoveRules();
+        m_rulesInstalled = false;
+    }
+    // Nothing is filtered while no driver runs: what was held passes.
+    if (m_queue != nullptr) {
+        m_queue->Drain([this](const QueuedPacket& packet) {
+            m_queue->Give(packet.queue, packet.id, Verdict::Accept);
+        });
+        for (const auto& [ticket, waiting] : m_waiting) {
+            for (const auto& [queue, id] : waiting.packets) {
+                m_queue->Give(queue, id, Verdict::Accept);
+            }
+        }
+    }
+    m_waiting.clear();
+    m_waitingFlows[0].clear();
+    m_waitingFlows[1].clear();
+    m_queue.reset();
+    m_counters.reset();
+}
+
+std::vector<int> LiveFilter::Fds() const {
+    std::vector<int> fds;
+    if (m_queue != nullptr) {
+        fds.push_back(m_queue->Fd());
+    }
+    if (m_counters != nullptr) {
+        fds.push_back(m_counters->EndedFd());
+    }
+    return fds;
+}
+
+void LiveFilter::Ready(int fd) {
+    if (m_queue != nullptr && fd == m_queue->Fd()) {
+        m_queue->Drain([this](const QueuedPacket& packet) { OnPacket(packet); });
+    } else if (m_counters != nullptr && fd == m_counters->EndedFd()) {
+        m_counters->DrainEnded([this](const Flow& flow, std::uint64_t original,
+                                      std::uint64_t reply) { Count(flow, original, reply, true); });
+    }
+}
+
+void LiveFilter::OnPacket(const QueuedPacket& packet) {
+    int index = DirectionIndex(packet.direction);
+    if (packet.parsed) {
+        // A retransmission, or another datagram, of a connection still waiting for its answer.
+        if (auto found = m_waitingFlows[index].find(packet.flow);
+            found != m_waitingFlows[index].end()) {
+            m_waiting[found->second].packets.emplace_back(packet.queue, packet.id);
+            return;
+        }
+    }
+    bool outgoing = packet.direction == Direction::Outgoing;
+    const Flow& flow = packet.flow;
+    Connection connection;
+    platform::live::Owner owner;
+    if (packet.parsed && m_owners.Find(flow, packet.direction, &owner)) {
+        connection.image = owner.image.substr(0, kImageField);
+        connection.path = owner.path;
+    }
+    connection.protocol = flow.protocol == IPPROTO_UDP ? 2 : 1;
+    connection.direction = outgoing ? 2 : 1;
+    connection.address =
+        platform::live::RuleAddress(flow.family, outgoing ? flow.destination : flow.source);
+    connection.remotePort = outgoing ? flow.destinationPort : flow.sourcePort;
+    connection.localPort = outgoing ? flow.sourcePort : flow.destinationPort;
+    connection.ticket = ++m_nextTicket;
+    Waiting& waiting = m_waiting[connection.ticket];
+    waiting.packets.emplace_back(packet.queue, packet.id);
+    waiting.flow = flow;
+    waiting.direction = packet.direction;
+    waiting.parsed = packet.parsed;
+    if (packet.parsed) {
+        m_waitingFlows[index][flow] = connection.ticket;
+    }
+    m_driver.Inject(connection);  // decides at once (OnDecided) or holds it for the answer
+}
+
+void LiveFilter::OnDecided(const Connection& connection, bool approved) {
+    auto found = m_waiting.find(connection.ticket);
+    if (connection.ticket == 0 || found == m_waiting.end() || m_queue == nullptr) {
+        return;  // a simulated connection
+    }
+    Waiting waiting = std::move(found->second);
+    m_waiting.erase(found);
+    bool outgoing = waiting.direction == Direction::Outgoing;
+    if (waiting.parsed) {
+        m_waitingFlows[DirectionIndex(waiting.direction)].erase(waiting.flow);
+    }
+    // A refused outgoing connection is answered at once (reset / port unreachable), so the
+    // program does not wait for a time-out; a refused incoming one is dropped unanswered.
+    Verdict verdict = approved ? Verdict::Accept : outgoing ? Verdict::Reject : Verdict::Drop;
+    for (const auto& [queue, id] : waiting.packets) {
+        m_queue->Give(queue, id, verdict);
+    }
+    if (approved && waiting.parsed && !connection.image.empty()) {
+        int base = connection.protocol == 2 ? 2 : 0;  // TCP in/out, UDP in/out
+        Counted counted{connection.image, base + (outgoing ? 1 : 0), base + (outgoing ? 0 : 1),
+                        0, 0, Clock::now()};
+        m_counted.emplace(waiting.flow, std::move(counted));
+    }
+}
+
+void LiveFilter::Count(const Flow& flow, std::uint64_t original, std::uint64_t reply, bool ended) {
+    auto [first, last] = m_counted.equal_range(flow);
+    Clock::time_point now = Clock::now();
+    for (auto entry = first; entry != last;) {
+        Counted& counted = entry->second;
+        // A new connection may reuse a finished one's addresses and ports: counts start over.
+        std::uint64_t originalMoved = original >= counted.original ? original - counted.original
+                                                                   : original;
+        std::uint64_t replyMoved = reply >= counted.reply ? reply - counted.reply : reply;
+        m_driver.AddTraffic(counted.image, counted.originalCounter, originalMoved);
+        m_driver.AddTraffic(counted.image, counted.replyCounter, replyMoved);
+        counted.original = original;
+        counted.reply = reply;
+        counted.lastSeen = now;
+        entry = ended ? m_counted.erase(entry) : std::next(entry);
+    }
+}
+
+ReferenceDriver::Clock::time_point LiveFilter::Tick(Clock::time_point now) {
+    if (m_counters == nullptr) {
+        return Clock::time_point::max();
+    }
+    if (now >= m_nextCount) {
+        if (!m_counted.empty()) {
+            m_counters->Dump([this](const Flow& flow, std::uint64_t original, std::uint64_t reply) {
+                Count(flow, original, reply, false);
+            });
+            std::erase_if(m_counted, [now](const auto& entry) {
+                return now - entry.second.lastSeen > kForgetAfter;
+            });
+        }
+        m_nextCount = now + kCountInterval;
+    }
+    return m_nextCount;
+}
+
+}  // namespace qbrix::refdriver
