@@ -3,12 +3,7 @@
 // names connect over TCP and UDP, IPv4 and IPv6, to servers on addresses of the namespace's
 // loopback, and the driver decides every first packet by the zones it was given.
 #include <gtest/gtest.h>
-#include <net/if.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -27,6 +22,7 @@
 #include "platform/posix/live/FirewallRules.h"
 #include "policy/PresetZones.h"
 #include "support/Process.h"
+#include "support/TestNetwork.h"
 #include "support/TempPlatform.h"
 
 namespace qbrix {
@@ -38,44 +34,6 @@ using test::BackgroundProcess;
 using test::WaitFor;
 
 std::string g_skipReason;  // why live tests cannot run here; empty when they can
-
-std::string NamespaceOf(const char* process) {
-    struct stat info {};
-    return ::stat((std::string("/proc/") + process + "/ns/net").c_str(), &info) == 0
-               ? std::to_string(info.st_ino)
-               : "";
-}
-
-// Moves this process into a network namespace of its own with the loopback up and the test
-// addresses on it. Everything the tests start inherits it.
-std::string EnterOwnNetwork() {
-    if (::geteuid() != 0) {
-        return "live-mode tests need root (network namespaces, netfilter)";
-    }
-    if (::unshare(CLONE_NEWNET) != 0) {
-        return std::string("cannot create a network namespace: ") + std::strerror(errno);
-    }
-    if (NamespaceOf("self") == NamespaceOf("1")) {
-        std::fputs("still in the machine's network namespace: refusing to install rules\n", stderr);
-        std::abort();
-    }
-    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    ifreq request{};
-    std::strcpy(request.ifr_name, "lo");
-    request.ifr_flags = IFF_UP | IFF_LOOPBACK | IFF_RUNNING;
-    ::ioctl(fd, SIOCSIFFLAGS, &request);
-    ::close(fd);
-    for (std::vector<std::string> words :
-         {std::vector<std::string>{"/usr/sbin/ip", "addr", "add", "10.77.0.1/24", "dev", "lo"},
-          {"/usr/sbin/ip", "addr", "add", "10.77.1.1/24", "dev", "lo"},
-          {"/usr/sbin/ip", "-6", "addr", "add", "fd00:77::1/64", "dev", "lo", "nodad"}}) {
-        test::ProcessResult result = test::RunProcess(words);
-        if (result.exitCode != 0) {
-            return "cannot set up the namespace's addresses (" + words[3] + "): " + result.err;
-        }
-    }
-    return {};
-}
 
 ZoneRecord Preset(const std::string& name) {
     for (const ZoneRecord& zone : policy::PresetZones()) {
@@ -328,7 +286,7 @@ TEST_F(LiveDriverTest, AKilledDriverLeavesTrafficPassingAndARestartCleansUp) {
 
 int main(int argc, char** argv) {
     // Before any thread exists: a namespace is per thread until then.
-    qbrix::g_skipReason = qbrix::EnterOwnNetwork();
+    qbrix::g_skipReason = qbrix::test::EnterTestNetwork();
     if (!qbrix::g_skipReason.empty()) {
         std::fprintf(stderr, "live-mode tests skipped: %s\n", qbrix::g_skipReason.c_str());
     }

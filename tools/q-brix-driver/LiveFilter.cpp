@@ -14,9 +14,10 @@ using platform::live::Verdict;
 namespace {
 
 constexpr std::size_t kImageField = sizeof(driver::AppRecord{}.imageName);
+// Each counted connection is looked at this often until its counts are final.
 constexpr auto kCountInterval = std::chrono::milliseconds(500);
-// A counted connection no dump has shown for this long has ended unseen.
-constexpr auto kForgetAfter = std::chrono::seconds(10);
+// At most this many connections are looked at per tick; the rest wait for the next one.
+constexpr std::size_t kLooksPerTick = 20000;
 
 int DirectionIndex(Direction direction) {
     return direction == Direction::Outgoing ? 1 : 0;
@@ -73,6 +74,7 @@ void LiveFilter::Stop() {
                 m_queue->Give(queue, id, Verdict::Accept);
             }
         }
+        m_queue->Flush();
     }
     m_waiting.clear();
     m_waitingFlows[0].clear();
@@ -95,6 +97,7 @@ std::vector<int> LiveFilter::Fds() const {
 void LiveFilter::Ready(int fd) {
     if (m_queue != nullptr && fd == m_queue->Fd()) {
         m_queue->Drain([this](const QueuedPacket& packet) { OnPacket(packet); });
+        m_queue->Flush();
     } else if (m_counters != nullptr && fd == m_counters->EndedFd()) {
         m_counters->DrainEnded([this](const Flow& flow, std::uint64_t original,
                                       std::uint64_t reply) { Count(flow, original, reply, true); });
@@ -156,15 +159,17 @@ void LiveFilter::OnDecided(const Connection& connection, bool approved) {
     }
     if (approved && waiting.parsed && !connection.image.empty()) {
         int base = connection.protocol == 2 ? 2 : 0;  // TCP in/out, UDP in/out
+        Clock::time_point look = Clock::now() + kCountInterval;
         Counted counted{connection.image, base + (outgoing ? 1 : 0), base + (outgoing ? 0 : 1),
-                        0, 0, Clock::now()};
+                        0, 0, look};
         m_counted.emplace(waiting.flow, std::move(counted));
+        m_schedule.emplace_back(look, waiting.flow);
     }
 }
 
 void LiveFilter::Count(const Flow& flow, std::uint64_t original, std::uint64_t reply, bool ended) {
     auto [first, last] = m_counted.equal_range(flow);
-    Clock::time_point now = Clock::now();
+    Clock::time_point next = Clock::now() + kCountInterval;
     for (auto entry = first; entry != last;) {
         Counted& counted = entry->second;
         // A new connection may reuse a finished one's addresses and ports: counts start over.
@@ -175,27 +180,50 @@ void LiveFilter::Count(const Flow& flow, std::uint64_t original, std::uint64_t r
         m_driver.AddTraffic(counted.image, counted.replyCounter, replyMoved);
         counted.original = original;
         counted.reply = reply;
-        counted.lastSeen = now;
+        counted.nextLook = next;
         entry = ended ? m_counted.erase(entry) : std::next(entry);
     }
 }
 
 ReferenceDriver::Clock::time_point LiveFilter::Tick(Clock::time_point now) {
+    if (m_queue != nullptr) {
+        m_queue->Flush();  // verdicts given since the last turn (answers, hold times)
+    }
     if (m_counters == nullptr) {
         return Clock::time_point::max();
     }
-    if (now >= m_nextCount) {
-        if (!m_counted.empty()) {
-            m_counters->Dump([this](const Flow& flow, std::uint64_t original, std::uint64_t reply) {
-                Count(flow, original, reply, false);
-            });
-            std::erase_if(m_counted, [now](const auto& entry) {
-                return now - entry.second.lastSeen > kForgetAfter;
-            });
+    std::size_t looks = 0;
+    while (!m_schedule.empty() && m_schedule.front().first <= now && looks < kLooksPerTick) {
+        Flow flow = m_schedule.front().second;
+        m_schedule.pop_front();
+        auto entry = m_counted.find(flow);
+        if (entry == m_counted.end() || entry->second.nextLook > now) {
+            continue;  // ended, or a look of the other end of the same connection came first
         }
-        m_nextCount = now + kCountInterval;
+        ++looks;
+        std::uint64_t original = 0;
+        std::uint64_t reply = 0;
+        bool finished = false;
+        int found = m_counters->Get(flow, &original, &reply, &finished);
+        if (found > 0) {
+            Count(flow, original, reply, finished);
+        }
+        if (found == 0 || (found > 0 && finished)) {
+            // Ended (its last counts came as an event) or past its last data.
+            m_counted.erase(flow);
+            continue;
+        }
+        if (found < 0) {
+            for (auto [first, last] = m_counted.equal_range(flow); first != last; ++first) {
+                first->second.nextLook = now + kCountInterval;  // try again later
+            }
+        }
+        m_schedule.emplace_back(now + kCountInterval, flow);
     }
-    return m_nextCount;
+    if (m_schedule.empty()) {
+        return Clock::time_point::max();
+    }
+    return looks == kLooksPerTick ? now : m_schedule.front().first;
 }
 
 }  // namespace qbrix::refdriver

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -57,7 +58,7 @@ class LiveFilter : public PollSource {
         int replyCounter;
         std::uint64_t original = 0;
         std::uint64_t reply = 0;
-        Clock::time_point lastSeen;
+        Clock::time_point nextLook;
     };
     using FlowMap = std::unordered_map<platform::live::Flow, std::uint64_t, platform::live::FlowHash>;
 
@@ -76,7 +77,9 @@ class LiveFilter : public PollSource {
     std::unordered_map<std::uint64_t, Waiting> m_waiting;  // ticket -> queued packets
     FlowMap m_waitingFlows[2];  // per direction: flow -> ticket, so a repeat joins the wait
     std::unordered_multimap<platform::live::Flow, Counted, platform::live::FlowHash> m_counted;
-    Clock::time_point m_nextCount{};
+    // When each counted connection is looked at next, oldest first (every look puts it at the
+    // back again), so a tick touches only what is due.
+    std::deque<std::pair<Clock::time_point, platform::live::Flow>> m_schedule;
 };
 
 }  // namespace qbrix::refdriver

@@ -10,6 +10,7 @@
 
 extern "C" {
 #include <libnetfilter_conntrack/libnetfilter_conntrack.h>
+#include <libnetfilter_conntrack/libnetfilter_conntrack_tcp.h>
 }
 
 namespace qbrix::platform::live {
@@ -91,11 +92,57 @@ ConnectionCounters::~ConnectionCounters() {
     }
 }
 
-void ConnectionCounters::Dump(const CounterSink& sink) {
-    nfct_callback_register(m_dump, NFCT_T_ALL, OnConnection, const_cast<CounterSink*>(&sink));
-    std::uint32_t family = AF_UNSPEC;
-    nfct_query(m_dump, NFCT_Q_DUMP, &family);
+int ConnectionCounters::Get(const Flow& flow, std::uint64_t* originalBytes,
+                            std::uint64_t* replyBytes, bool* finished) {
+    nf_conntrack* query = nfct_new();
+    if (query == nullptr) {
+        return -1;
+    }
+    nfct_set_attr_u8(query, ATTR_ORIG_L3PROTO, flow.family);
+    nfct_set_attr_u8(query, ATTR_ORIG_L4PROTO, flow.protocol);
+    if (flow.family == AF_INET) {
+        std::uint32_t source = 0;
+        std::uint32_t destination = 0;
+        std::memcpy(&source, flow.source.data(), 4);
+        std::memcpy(&destination, flow.destination.data(), 4);
+        nfct_set_attr_u32(query, ATTR_ORIG_IPV4_SRC, source);
+        nfct_set_attr_u32(query, ATTR_ORIG_IPV4_DST, destination);
+    } else {
+        nfct_set_attr(query, ATTR_ORIG_IPV6_SRC, flow.source.data());
+        nfct_set_attr(query, ATTR_ORIG_IPV6_DST, flow.destination.data());
+    }
+    nfct_set_attr_u16(query, ATTR_ORIG_PORT_SRC, htons(flow.sourcePort));
+    nfct_set_attr_u16(query, ATTR_ORIG_PORT_DST, htons(flow.destinationPort));
+    struct Answer {
+        bool found = false;
+        std::uint64_t original = 0, reply = 0;
+        bool finished = false;
+    } answer;
+    nfct_callback_register(
+        m_dump, NFCT_T_ALL,
+        [](nf_conntrack_msg_type, nf_conntrack* entry, void* data) -> int {
+            auto* found = static_cast<Answer*>(data);
+            found->found = true;
+            found->original = nfct_get_attr_u64(entry, ATTR_ORIG_COUNTER_BYTES);
+            found->reply = nfct_get_attr_u64(entry, ATTR_REPL_COUNTER_BYTES);
+            if (nfct_attr_is_set(entry, ATTR_TCP_STATE) > 0) {
+                std::uint8_t state = nfct_get_attr_u8(entry, ATTR_TCP_STATE);
+                found->finished = state >= TCP_CONNTRACK_FIN_WAIT && state <= TCP_CONNTRACK_CLOSE;
+            }
+            return NFCT_CB_CONTINUE;
+        },
+        &answer);
+    int result = nfct_query(m_dump, NFCT_Q_GET, query);
+    int error = errno;
     nfct_callback_unregister(m_dump);
+    nfct_destroy(query);
+    if (!answer.found) {
+        return result < 0 && error != ENOENT ? -1 : 0;
+    }
+    *originalBytes = answer.original;
+    *replyBytes = answer.reply;
+    *finished = answer.finished;
+    return 1;
 }
 
 int ConnectionCounters::EndedFd() const {

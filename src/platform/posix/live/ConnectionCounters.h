@@ -1,6 +1,7 @@
 // The bytes each connection moved, from the kernel's connection tracking with accounting
-// switched on (per network namespace; the previous setting is restored on close): a dump of
-// every tracked connection, and the final counts of connections that ended.
+// switched on (per network namespace; the previous setting is restored on close): the counts of
+// one connection by its addresses and ports (a dump of the whole table would stall the packet
+// path on a busy machine), and the final counts of connections that ended.
 #pragma once
 
 #include <cstdint>
@@ -26,8 +27,11 @@ class ConnectionCounters {
     ConnectionCounters(const ConnectionCounters&) = delete;
     ConnectionCounters& operator=(const ConnectionCounters&) = delete;
 
-    // Every tracked TCP/UDP connection with its counts.
-    void Dump(const CounterSink& sink);
+    // One connection's counts. Found: 1, with *finished telling whether it is closing (a TCP
+    // connection past its last data: the counts are final). 0 when it is no longer tracked;
+    // -1 when the query failed.
+    int Get(const Flow& flow, std::uint64_t* originalBytes, std::uint64_t* replyBytes,
+            bool* finished);
     // The descriptor that turns readable when connections end, and their final counts.
     int EndedFd() const;
     void DrainEnded(const CounterSink& sink);

@@ -21,6 +21,7 @@ namespace {
 
 constexpr int kCopyRange = 256;
 constexpr std::size_t kBufferSize = 1 << 20;
+constexpr std::size_t kBatchSize = 4096;  // about a hundred verdicts
 
 struct DrainContext {
     const std::function<void(const QueuedPacket&)>* onPacket;
@@ -134,6 +135,7 @@ PacketQueue::~PacketQueue() {
     if (m_socket == nullptr) {
         return;
     }
+    Flush();
     std::string ignored;
     for (std::uint16_t number : m_queues) {
         Configure(number, NFQNL_CFG_CMD_UNBIND, 0, &ignored);
@@ -160,8 +162,13 @@ bool PacketQueue::Drain(const std::function<void(const QueuedPacket&)>& onPacket
 }
 
 void PacketQueue::Give(std::uint16_t queue, std::uint32_t id, Verdict verdict) {
-    char buffer[MNL_SOCKET_BUFFER_SIZE];
-    nlmsghdr* message = nfq_nlmsg_put(buffer, NFQNL_MSG_VERDICT, queue);
+    // Room for one more verdict (header, verdict and mark attributes: well under 128 bytes).
+    if (m_verdicts.size() + 128 > kBatchSize) {
+        Flush();
+    }
+    std::size_t offset = m_verdicts.size();
+    m_verdicts.resize(offset + 128);
+    nlmsghdr* message = nfq_nlmsg_put(m_verdicts.data() + offset, NFQNL_MSG_VERDICT, queue);
     switch (verdict) {
         case Verdict::Accept:
             nfq_nlmsg_verdict_put(message, static_cast<int>(id), NF_ACCEPT);
@@ -175,7 +182,14 @@ void PacketQueue::Give(std::uint16_t queue, std::uint32_t id, Verdict verdict) {
             nfq_nlmsg_verdict_put_mark(message, kRejectMark);
             break;
     }
-    mnl_socket_sendto(m_socket, message, message->nlmsg_len);
+    m_verdicts.resize(offset + NLMSG_ALIGN(message->nlmsg_len));
+}
+
+void PacketQueue::Flush() {
+    if (!m_verdicts.empty()) {
+        mnl_socket_sendto(m_socket, m_verdicts.data(), m_verdicts.size());
+        m_verdicts.clear();
+    }
 }
 
 }  // namespace qbrix::platform::live

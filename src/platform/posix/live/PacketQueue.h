@@ -44,7 +44,9 @@ class PacketQueue {
     // Reads every packet waiting and hands each to onPacket. Returns false when the socket
     // failed for good.
     bool Drain(const std::function<void(const QueuedPacket&)>& onPacket);
+    // Verdicts are gathered and sent together by Flush (one system call for a burst).
     void Give(std::uint16_t queue, std::uint32_t id, Verdict verdict);
+    void Flush();
 
   private:
     PacketQueue() = default;
@@ -55,6 +57,7 @@ class PacketQueue {
     std::uint32_t m_portId = 0;
     std::vector<std::uint16_t> m_queues;
     std::vector<char> m_buffer;
+    std::vector<char> m_verdicts;  // messages not sent yet
 };
 
 }  // namespace qbrix::platform::live

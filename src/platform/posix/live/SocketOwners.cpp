@@ -1,6 +1,7 @@
 #include "platform/posix/live/SocketOwners.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
@@ -11,6 +12,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
@@ -20,6 +23,8 @@ namespace {
 
 constexpr std::size_t kRecentProcesses = 8;
 constexpr std::size_t kMaxCachedSockets = 200000;
+constexpr std::size_t kMaxProcesses = 512;
+constexpr auto kLifeCheckInterval = std::chrono::milliseconds(100);
 
 std::uint64_t SocketInode(const char* link) {
     // "socket:[12345]"
@@ -61,6 +66,9 @@ SocketOwners::SocketOwners() {
 }
 
 SocketOwners::~SocketOwners() {
+    for (auto& [pid, process] : m_processes) {
+        ::close(process.directory);
+    }
     if (m_diag >= 0) {
         ::close(m_diag);
     }
@@ -130,10 +138,78 @@ bool SocketOwners::FindSocket(const Flow& flow, Direction direction, std::uint64
     }
 }
 
-bool SocketOwners::ScanProcess(pid_t pid) {
-    std::string directory = "/proc/" + std::to_string(pid) + "/fd";
-    DIR* fds = ::opendir(directory.c_str());
+SocketOwners::Process* SocketOwners::OpenProcess(pid_t pid) {
+    auto found = m_processes.find(pid);
+    auto now = std::chrono::steady_clock::now();
+    if (found != m_processes.end()) {
+        Process& process = found->second;
+        if (now - process.checked < kLifeCheckInterval) {
+            return &process;
+        }
+        if (::faccessat(process.directory, "exe", F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+            process.checked = now;
+            return &process;
+        }
+        ForgetProcess(pid);  // ended; the number may belong to another process now
+    }
+    if (m_processes.size() >= kMaxProcesses) {
+        for (auto& [number, process] : m_processes) {
+            ::close(process.directory);
+        }
+        m_processes.clear();
+    }
+    std::string directory = "/proc/" + std::to_string(pid);
+    Process process;
+    process.directory = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (process.directory < 0) {
+        return nullptr;
+    }
+    char link[4096];
+    ssize_t size = ::readlinkat(process.directory, "exe", link, sizeof(link) - 1);
+    if (size <= 0) {
+        ::close(process.directory);
+        return nullptr;  // a kernel thread, or gone
+    }
+    process.path.assign(link, static_cast<std::size_t>(size));
+    process.checked = now;
+    constexpr std::string_view kDeleted = " (deleted)";
+    if (process.path.size() > kDeleted.size() && process.path.ends_with(kDeleted)) {
+        process.path.resize(process.path.size() - kDeleted.size());  // replaced while running
+    }
+    return &m_processes.emplace(pid, std::move(process)).first->second;
+}
+
+void SocketOwners::ForgetProcess(pid_t pid) {
+    if (auto found = m_processes.find(pid); found != m_processes.end()) {
+        ::close(found->second.directory);
+        m_processes.erase(found);
+    }
+}
+
+bool SocketOwners::TryDescriptor(Process& process, int fd, std::uint64_t inode) {
+    if (fd < 0) {
+        return false;
+    }
+    char name[32];
+    char link[64];
+    std::snprintf(name, sizeof(name), "fd/%d", fd);
+    ssize_t size = ::readlinkat(process.directory, name, link, sizeof(link) - 1);
+    if (size <= 0) {
+        return false;
+    }
+    link[size] = '\0';
+    return SocketInode(link) == inode;
+}
+
+bool SocketOwners::ScanProcess(pid_t pid, int directory, std::uint64_t wanted) {
+    int fdDirectory = directory >= 0 ? ::openat(directory, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+                                     : ::open(("/proc/" + std::to_string(pid) + "/fd").c_str(),
+                                              O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* fds = fdDirectory >= 0 ? ::fdopendir(fdDirectory) : nullptr;
     if (fds == nullptr) {
+        if (fdDirectory >= 0) {
+            ::close(fdDirectory);
+        }
         return false;
     }
     char link[64];
@@ -147,7 +223,10 @@ bool SocketOwners::ScanProcess(pid_t pid) {
         }
         link[size] = '\0';
         if (std::uint64_t inode = SocketInode(link); inode != 0) {
-            m_sockets[inode] = pid;
+            m_sockets[inode] = Holder{pid, std::atoi(entry->d_name)};
+            if (inode == wanted) {
+                break;
+            }
         }
     }
     ::closedir(fds);
@@ -162,7 +241,7 @@ void SocketOwners::ScanAll() {
     }
     while (dirent* entry = ::readdir(proc)) {
         if (pid_t pid = ProcessNumber(entry->d_name); pid > 0) {
-            ScanProcess(pid);
+            ScanProcess(pid, -1, 0);
         }
     }
     ::closedir(proc);
@@ -180,36 +259,54 @@ void SocketOwners::Remember(pid_t pid) {
 }
 
 pid_t SocketOwners::FindProcess(std::uint64_t inode) {
-    auto lookup = [this, inode]() -> pid_t {
+    auto lookup = [this, inode]() -> Holder {
         auto found = m_sockets.find(inode);
-        return found != m_sockets.end() ? found->second : 0;
+        return found != m_sockets.end() ? found->second : Holder{};
     };
-    // A listening socket or a flow seen before; then the processes that opened connections
-    // lately (a program opening many connections is found in its own descriptors); then all.
-    if (pid_t pid = lookup(); pid != 0 && ::kill(pid, 0) == 0) {
-        return pid;
+    // A listening socket or a flow seen before, while its process lives (an inode number
+    // names one socket while it exists).
+    if (Holder known = lookup(); known.pid != 0 && OpenProcess(known.pid) != nullptr) {
+        return known.pid;
     }
     if (m_sockets.size() > kMaxCachedSockets) {
         m_sockets.clear();
     }
+    // The processes that opened connections lately: first the descriptor their last socket
+    // had and the next one, then all their descriptors.
     for (std::size_t i = 0; i < m_recent.size();) {
         pid_t recent = m_recent[i];
-        if (!ScanProcess(recent)) {
+        Process* process = OpenProcess(recent);
+        if (process == nullptr) {
             m_recent.erase(m_recent.begin() + static_cast<std::ptrdiff_t>(i));
             continue;
         }
-        if (lookup() == recent) {
+        for (int fd : {process->lastFd, process->lastFd + 1, process->lastFd - 1,
+                       process->lastFd + 2}) {
+            if (TryDescriptor(*process, fd, inode)) {
+                m_sockets[inode] = Holder{recent, fd};
+                process->lastFd = fd;
+                Remember(recent);
+                return recent;
+            }
+        }
+        if (ScanProcess(recent, process->directory, inode) && lookup().pid == recent) {
+            Holder found = lookup();
+            process->lastFd = found.fd;
             Remember(recent);
             return recent;
         }
         ++i;
     }
+    // Then every process.
     ScanAll();
-    pid_t pid = lookup();
-    if (pid != 0) {
-        Remember(pid);
+    Holder found = lookup();
+    if (found.pid != 0) {
+        if (Process* process = OpenProcess(found.pid); process != nullptr) {
+            process->lastFd = found.fd;
+        }
+        Remember(found.pid);
     }
-    return pid;
+    return found.pid;
 }
 
 bool SocketOwners::Find(const Flow& flow, Direction direction, Owner* owner) {
@@ -219,24 +316,14 @@ bool SocketOwners::Find(const Flow& flow, Direction direction, Owner* owner) {
         return false;
     }
     pid_t pid = FindProcess(inode);
-    if (pid == 0) {
+    Process* process = pid != 0 ? OpenProcess(pid) : nullptr;
+    if (process == nullptr) {
         return false;
-    }
-    char link[4096];
-    std::string exe = "/proc/" + std::to_string(pid) + "/exe";
-    ssize_t size = ::readlink(exe.c_str(), link, sizeof(link) - 1);
-    if (size <= 0) {
-        return false;  // a kernel thread, or gone
-    }
-    std::string path(link, static_cast<std::size_t>(size));
-    constexpr std::string_view kDeleted = " (deleted)";
-    if (path.size() > kDeleted.size() && path.ends_with(kDeleted)) {
-        path.resize(path.size() - kDeleted.size());  // replaced on disk while running
     }
     owner->pid = pid;
     owner->uid = uid;
-    owner->image = path.substr(path.rfind('/') + 1);
-    owner->path = std::move(path);
+    owner->path = process->path;
+    owner->image = owner->path.substr(owner->path.rfind('/') + 1);
     return true;
 }
 

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -40,14 +41,35 @@ class SocketOwners {
     pid_t FindProcess(std::uint64_t inode);
 
   private:
-    // Reads one process's descriptors into the cache; false when it is gone.
-    bool ScanProcess(pid_t pid);
+    struct Holder {
+        pid_t pid = 0;
+        int fd = -1;
+    };
+    // A process looked at lately: its /proc directory kept open (every call on it fails once
+    // the process is gone, so a reused number is never mistaken for it), its executable, and
+    // the descriptor of the socket last found in it (a program's next socket usually takes the
+    // same number, or the next). It is checked for life at most every 100 ms: process numbers
+    // come round again only after millions of processes.
+    struct Process {
+        int directory = -1;
+        std::string path;
+        int lastFd = -1;
+        std::chrono::steady_clock::time_point checked;  // last seen alive
+    };
+
+    Process* OpenProcess(pid_t pid);
+    void ForgetProcess(pid_t pid);
+    bool TryDescriptor(Process& process, int fd, std::uint64_t inode);
+    // Reads one process's descriptors into the cache, up to the wanted socket (0: all);
+    // false when it is gone.
+    bool ScanProcess(pid_t pid, int directory, std::uint64_t wanted);
     void ScanAll();
     void Remember(pid_t pid);
 
     int m_diag = -1;
     std::uint32_t m_sequence = 0;
-    std::unordered_map<std::uint64_t, pid_t> m_sockets;  // socket inode -> process
+    std::unordered_map<std::uint64_t, Holder> m_sockets;  // socket inode -> process, descriptor
+    std::unordered_map<pid_t, Process> m_processes;
     std::deque<pid_t> m_recent;  // processes that opened connections lately, newest first
 };
 
