@@ -6,7 +6,8 @@
 //   - latency of a new TCP connection (connect to established), p50 and p99;
 //   - new connections per second from two threads for 2 s, and how many failed or took longer
 //     than 500 ms (a dropped first packet is only sent again after a second);
-//   - throughput of one established connection (best of five runs of 512 MB), measured before the burst of new
+//   - throughput of one established connection (best of five runs of 512 MB), measured before the
+//   burst of new
 //     connections so the driver is idle, as it is for an established flow.
 #include <netinet/in.h>
 #include <sched.h>
@@ -213,8 +214,8 @@ int main() {
     test::TempPlatform platform;
     Figures bare = Measure();
 
-    pid_t driverProcess = bench::Spawn({QBRIX_DRIVER, "--root", platform.DataRoot(),
-                                        "--foreground", "--live"}, {}); // TMP
+    pid_t driverProcess = bench::Spawn(
+        {QBRIX_DRIVER, "--root", platform.DataRoot(), "--foreground", "--live"}, {});  // TMP
     for (int i = 0; i < 250 && !std::filesystem::exists(platform::DeviceSocketPath()); ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }

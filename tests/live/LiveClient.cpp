@@ -99,9 +99,9 @@ int ConnectTcp(const Address& address, long bytes, Clock::time_point deadline) {
         if (!WaitReadable(fd, deadline, POLLOUT)) {
             return Outcome(ETIMEDOUT);
         }
-        ssize_t n = ::send(fd, chunk.data(),
-                           static_cast<std::size_t>(std::min<long>(bytes - sent, 65536)),
-                           MSG_NOSIGNAL);
+        ssize_t n =
+            ::send(fd, chunk.data(), static_cast<std::size_t>(std::min<long>(bytes - sent, 65536)),
+                   MSG_NOSIGNAL);
         if (n < 0 && errno != EAGAIN) {
             return Outcome(errno);
         }
@@ -208,17 +208,21 @@ int Serve(const std::string& protocol, const Address& address) {
 int main(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
     Address address;
-    if (args.size() == 6 && args[0] == "connect" && Parse(args[2].c_str(), args[3].c_str(), &address)) {
+    if (args.size() == 6 && args[0] == "connect" &&
+        Parse(args[2].c_str(), args[3].c_str(), &address)) {
         long bytes = std::atol(args[4].c_str());
-        Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(std::atol(args[5].c_str()));
+        Clock::time_point deadline =
+            Clock::now() + std::chrono::milliseconds(std::atol(args[5].c_str()));
         return args[1] == "tcp" ? ConnectTcp(address, bytes, deadline)
                                 : ConnectUdp(address, std::max(bytes, 1L), deadline);
     }
-    if (args.size() == 4 && args[0] == "serve" && Parse(args[2].c_str(), args[3].c_str(), &address)) {
+    if (args.size() == 4 && args[0] == "serve" &&
+        Parse(args[2].c_str(), args[3].c_str(), &address)) {
         return Serve(args[1], address);
     }
-    std::fputs("usage: qbrix-live-client connect tcp|udp ADDRESS PORT BYTES TIMEOUT_MS\n"
-               "       qbrix-live-client serve tcp|udp ADDRESS PORT\n",
-               stderr);
+    std::fputs(
+        "usage: qbrix-live-client connect tcp|udp ADDRESS PORT BYTES TIMEOUT_MS\n"
+        "       qbrix-live-client serve tcp|udp ADDRESS PORT\n",
+        stderr);
     return 2;
 }

@@ -22,8 +22,8 @@
 #include "platform/posix/live/FirewallRules.h"
 #include "policy/PresetZones.h"
 #include "support/Process.h"
-#include "support/TestNetwork.h"
 #include "support/TempPlatform.h"
+#include "support/TestNetwork.h"
 
 namespace qbrix {
 namespace {
@@ -120,9 +120,9 @@ class LiveDriverTest : public ::testing::Test {
     // "passed N", "refused" or "timeout".
     std::string Connect(const std::string& image, const std::string& protocol,
                         const std::string& address, long bytes = 100, int timeoutMs = 1000) {
-        test::ProcessResult result = test::RunProcess(
-            {m_programs + "/" + image, "connect", protocol, address, "8080", std::to_string(bytes),
-             std::to_string(timeoutMs)});
+        test::ProcessResult result =
+            test::RunProcess({m_programs + "/" + image, "connect", protocol, address, "8080",
+                              std::to_string(bytes), std::to_string(timeoutMs)});
         std::string out = result.out;
         while (!out.empty() && out.back() == '\n') {
             out.pop_back();
@@ -184,8 +184,8 @@ TEST_F(LiveDriverTest, EachZoneAllowsAndBlocksWhatItSays) {
 TEST_F(LiveDriverTest, AnUnknownProgramWaitsForTheAnswerWithoutHoldingOthersUp) {
     SetApp("browser", Preset("EnableAll"));
     ASSERT_EQ(0, driver::SetDefaultZone(driver::g_hDriver, Preset("DisableAll")));
-    BackgroundProcess newcomer({m_programs + "/newcomer", "connect", "tcp", "10.77.0.1", "8080",
-                                "100", "10000"});
+    BackgroundProcess newcomer(
+        {m_programs + "/newcomer", "connect", "tcp", "10.77.0.1", "8080", "100", "10000"});
     driver::AppRecord question{};
     ASSERT_TRUE(WaitFor([&] {
         return driver::TakePendingQuestion(driver::g_hDriver, &question) == 0 &&
@@ -272,9 +272,10 @@ TEST_F(LiveDriverTest, AKilledDriverLeavesTrafficPassingAndARestartCleansUp) {
     }
     EXPECT_EQ(1u, jumps) << rules.out;
     // A second live driver cannot take the queue and leaves the first one's rules alone.
-    test::ProcessResult second = test::RunProcess(
-        {QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot() + "/second", "--foreground", "--live"},
-        {}, 5000);
+    test::ProcessResult second =
+        test::RunProcess({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot() + "/second",
+                          "--foreground", "--live"},
+                         {}, 5000);
     EXPECT_EQ(1, second.exitCode);
     EXPECT_NE(std::string::npos, second.err.find("another driver")) << second.err;
     SetApp("browser", Preset("DisableAll"));

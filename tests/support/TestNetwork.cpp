@@ -22,7 +22,7 @@ namespace {
 ino_t NamespaceOf(const char* process) {
     struct stat info {};
     return ::stat((std::string("/proc/") + process + "/ns/net").c_str(), &info) == 0 ? info.st_ino
-                                                                                       : 0;
+                                                                                     : 0;
 }
 
 }  // namespace

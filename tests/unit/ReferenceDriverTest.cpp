@@ -252,8 +252,7 @@ TEST_F(ReferenceDriverTest, ListsNeverExceedTheCallersRoom) {
     EXPECT_EQ(m_driver.AppCount(), 80u);
     Reply listed = Call(driver::IOCTL_LIST_APP_RECORDS, {}, 95700);
     ASSERT_EQ(listed.bytesTransferred, 75u * 1276);
-    EXPECT_EQ(driver::FieldText(Record<AppRecord>(listed.output, 74).imageName),
-              "p74.exe");
+    EXPECT_EQ(driver::FieldText(Record<AppRecord>(listed.output, 74).imageName), "p74.exe");
     EXPECT_EQ(Call(driver::IOCTL_LIST_APP_RECORDS, {}, 3000).bytesTransferred, 2u * 1276);
     EXPECT_EQ(m_driver.Inject(Connect("p79.exe tcp out 1.2.3.4:80")), "approved by ");
     for (int i = 0; i < 149; ++i) {

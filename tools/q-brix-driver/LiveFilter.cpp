@@ -160,8 +160,8 @@ void LiveFilter::OnDecided(const Connection& connection, bool approved) {
     if (approved && waiting.parsed && !connection.image.empty()) {
         int base = connection.protocol == 2 ? 2 : 0;  // TCP in/out, UDP in/out
         Clock::time_point look = Clock::now() + kCountInterval;
-        Counted counted{connection.image, base + (outgoing ? 1 : 0), base + (outgoing ? 0 : 1),
-                        0, 0, look};
+        Counted counted{
+            connection.image, base + (outgoing ? 1 : 0), base + (outgoing ? 0 : 1), 0, 0, look};
         m_counted.emplace(waiting.flow, std::move(counted));
         m_schedule.emplace_back(look, waiting.flow);
     }
@@ -173,8 +173,8 @@ void LiveFilter::Count(const Flow& flow, std::uint64_t original, std::uint64_t r
     for (auto entry = first; entry != last;) {
         Counted& counted = entry->second;
         // A new connection may reuse a finished one's addresses and ports: counts start over.
-        std::uint64_t originalMoved = original >= counted.original ? original - counted.original
-                                                                   : original;
+        std::uint64_t originalMoved =
+            original >= counted.original ? original - counted.original : original;
         std::uint64_t replyMoved = reply >= counted.reply ? reply - counted.reply : reply;
         m_driver.AddTraffic(counted.image, counted.originalCounter, originalMoved);
         m_driver.AddTraffic(counted.image, counted.replyCounter, replyMoved);

@@ -60,7 +60,8 @@ class LiveFilter : public PollSource {
         std::uint64_t reply = 0;
         Clock::time_point nextLook;
     };
-    using FlowMap = std::unordered_map<platform::live::Flow, std::uint64_t, platform::live::FlowHash>;
+    using FlowMap =
+        std::unordered_map<platform::live::Flow, std::uint64_t, platform::live::FlowHash>;
 
     void OnPacket(const platform::live::QueuedPacket& packet);
     void OnDecided(const Connection& connection, bool approved);

@@ -53,7 +53,8 @@ int OnConnection(nf_conntrack_msg_type, nf_conntrack* entry, void* data) {
     }
     flow.sourcePort = ntohs(nfct_get_attr_u16(entry, ATTR_ORIG_PORT_SRC));
     flow.destinationPort = ntohs(nfct_get_attr_u16(entry, ATTR_ORIG_PORT_DST));
-    (*static_cast<const CounterSink*>(data))(flow, nfct_get_attr_u64(entry, ATTR_ORIG_COUNTER_BYTES),
+    (*static_cast<const CounterSink*>(data))(flow,
+                                             nfct_get_attr_u64(entry, ATTR_ORIG_COUNTER_BYTES),
                                              nfct_get_attr_u64(entry, ATTR_REPL_COUNTER_BYTES));
     return NFCT_CB_CONTINUE;
 }

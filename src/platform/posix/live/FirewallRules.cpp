@@ -89,7 +89,8 @@ std::string QueueTarget(const RuleSettings& settings) {
     std::string target = "-j NFQUEUE ";
     if (settings.queueCount > 1) {
         target += "--queue-balance " + std::to_string(settings.firstQueue) + ":" +
-                  std::to_string(settings.firstQueue + settings.queueCount - 1) + " --queue-cpu-fanout";
+                  std::to_string(settings.firstQueue + settings.queueCount - 1) +
+                  " --queue-cpu-fanout";
     } else {
         target += "--queue-num " + std::to_string(settings.firstQueue);
     }
@@ -148,16 +149,17 @@ int InstallRules(const RuleSettings& settings, InstalledFamilies* installed, std
             (ipv6 ? installed->ipv6 : installed->ipv4) = true;
             continue;
         }
-        std::string reason = outcome.status < 0 && outcome.output.find("not found") != std::string::npos
-                                 ? Tool(ipv6, "-restore") +
-                                       " is missing (install the Debian package iptables)"
-                                 : Tool(ipv6, "-restore") + " failed: " + outcome.output;
+        std::string reason =
+            outcome.status < 0 && outcome.output.find("not found") != std::string::npos
+                ? Tool(ipv6, "-restore") + " is missing (install the Debian package iptables)"
+                : Tool(ipv6, "-restore") + " failed: " + outcome.output;
         while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' ')) {
             reason.pop_back();
         }
         if (!ipv6) {
-            *error = reason + " (the NFQUEUE target, the conntrack match and the REJECT target "
-                              "are needed, and the right to change the packet filter)";
+            *error = reason +
+                     " (the NFQUEUE target, the conntrack match and the REJECT target "
+                     "are needed, and the right to change the packet filter)";
             return 1;
         }
         *warning = "IPv6 traffic is not filtered: " + reason;

@@ -31,7 +31,8 @@ std::size_t FlowHash::operator()(const Flow& flow) const noexcept {
             hash = (hash ^ bytes[i]) * 1099511628211ULL;
         }
     };
-    std::uint8_t head[6] = {flow.family, flow.protocol,
+    std::uint8_t head[6] = {flow.family,
+                            flow.protocol,
                             static_cast<std::uint8_t>(flow.sourcePort >> 8),
                             static_cast<std::uint8_t>(flow.sourcePort),
                             static_cast<std::uint8_t>(flow.destinationPort >> 8),
@@ -52,8 +53,7 @@ std::uint32_t RuleAddress(std::uint8_t family, const std::array<std::uint8_t, 16
         return ipv4(address.data());
     }
     static constexpr std::uint8_t kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
-    static constexpr std::uint8_t kLoopback[16] = {0, 0, 0, 0, 0, 0, 0, 0,
-                                                   0, 0, 0, 0, 0, 0, 0, 1};
+    static constexpr std::uint8_t kLoopback[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
     if (std::memcmp(address.data(), kMapped, sizeof(kMapped)) == 0) {
         return ipv4(address.data() + 12);
     }

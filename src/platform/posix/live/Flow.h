@@ -13,10 +13,10 @@ namespace qbrix::platform::live {
 enum class Direction : std::uint8_t { Incoming, Outgoing };
 
 struct Flow {
-    std::uint8_t family = 0;    // AF_INET or AF_INET6
-    std::uint8_t protocol = 0;  // IPPROTO_TCP or IPPROTO_UDP
-    std::uint16_t sourcePort = 0;       // host order
-    std::uint16_t destinationPort = 0;  // host order
+    std::uint8_t family = 0;                     // AF_INET or AF_INET6
+    std::uint8_t protocol = 0;                   // IPPROTO_TCP or IPPROTO_UDP
+    std::uint16_t sourcePort = 0;                // host order
+    std::uint16_t destinationPort = 0;           // host order
     std::array<std::uint8_t, 16> source{};       // network order; IPv4 in the first four bytes
     std::array<std::uint8_t, 16> destination{};  // network order; IPv4 in the first four bytes
 

@@ -42,9 +42,9 @@ int OnMessage(const nlmsghdr* message, void* data) {
     packet.id = ntohl(header->packet_id);
     packet.direction = header->hook == NF_INET_LOCAL_IN ? Direction::Incoming : Direction::Outgoing;
     if (attributes[NFQA_PAYLOAD] != nullptr) {
-        packet.parsed =
-            ParsePacket(static_cast<const std::uint8_t*>(mnl_attr_get_payload(attributes[NFQA_PAYLOAD])),
-                        mnl_attr_get_payload_len(attributes[NFQA_PAYLOAD]), &packet.flow);
+        packet.parsed = ParsePacket(
+            static_cast<const std::uint8_t*>(mnl_attr_get_payload(attributes[NFQA_PAYLOAD])),
+            mnl_attr_get_payload_len(attributes[NFQA_PAYLOAD]), &packet.flow);
     }
     (*context->onPacket)(packet);
     return MNL_CB_OK;
@@ -105,24 +105,27 @@ bool PacketQueue::Configure(std::uint16_t number, std::uint8_t command, std::uin
     for (int attempt = 0; attempt < 1000; ++attempt) {
         ssize_t got = mnl_socket_recvfrom(m_socket, buffer, sizeof(buffer));
         if (got < 0 && errno == EAGAIN) {
-            struct timespec pause {0, 1000000};
+            struct timespec pause {
+                0, 1000000
+            };
             ::nanosleep(&pause, nullptr);
             continue;
         }
         if (got < 0) {
             break;
         }
-        int result = mnl_cb_run(buffer, static_cast<std::size_t>(got), 0, m_portId, nullptr, nullptr);
+        int result =
+            mnl_cb_run(buffer, static_cast<std::size_t>(got), 0, m_portId, nullptr, nullptr);
         if (result < 0) {
             // The kernel answers "not permitted" both to a caller without the right and for a
             // queue another reader has bound.
             int reason = errno;
             bool privileged = ::geteuid() == 0;
             *error = "queue " + std::to_string(number) + " refused: " + std::strerror(reason) +
-                     (reason == EPERM && privileged   ? " (another driver reads it)"
-                      : reason == EPERM               ? " (live mode needs root)"
-                      : reason == EBUSY               ? " (another driver reads it)"
-                                                      : "");
+                     (reason == EPERM && privileged ? " (another driver reads it)"
+                      : reason == EPERM             ? " (live mode needs root)"
+                      : reason == EBUSY             ? " (another driver reads it)"
+                                                    : "");
             return false;
         }
         return true;

@@ -280,8 +280,8 @@ pid_t SocketOwners::FindProcess(std::uint64_t inode) {
             m_recent.erase(m_recent.begin() + static_cast<std::ptrdiff_t>(i));
             continue;
         }
-        for (int fd : {process->lastFd, process->lastFd + 1, process->lastFd - 1,
-                       process->lastFd + 2}) {
+        for (int fd :
+             {process->lastFd, process->lastFd + 1, process->lastFd - 1, process->lastFd + 2}) {
             if (TryDescriptor(*process, fd, inode)) {
                 m_sockets[inode] = Holder{recent, fd};
                 process->lastFd = fd;
