@@ -90,8 +90,8 @@ TEST(LiveFlowTest, RulesSeeIpv4AddressesLoopbackAndMappedOnes) {
 
 TEST(LiveFlowTest, OnlyFirstPacketsReachTheQueueWithTheBypass) {
     std::string script = RuleScript({0, 1}, false);
-    EXPECT_NE(std::string::npos, script.find("-A QBRIX-OUT -p tcp -m conntrack --ctstate NEW -m "
-                                             "connbytes --connbytes 0:1"));
+    EXPECT_NE(std::string::npos, script.find("-A QBRIX-OUT -p tcp -m connbytes --connbytes 0:1"));
+    EXPECT_NE(std::string::npos, script.find("-I OUTPUT 1 -m conntrack --ctstate NEW -j QBRIX-OUT"));
     EXPECT_NE(std::string::npos, script.find("--queue-num 0 --queue-bypass"));
     EXPECT_NE(
         std::string::npos,

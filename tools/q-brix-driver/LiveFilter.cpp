@@ -99,8 +99,10 @@ void LiveFilter::Ready(int fd) {
         m_queue->Drain([this](const QueuedPacket& packet) { OnPacket(packet); });
         m_queue->Flush();
     } else if (m_counters != nullptr && fd == m_counters->EndedFd()) {
-        m_counters->DrainEnded([this](const Flow& flow, std::uint64_t original,
-                                      std::uint64_t reply) { Count(flow, original, reply, true); });
+        m_counters->DrainEnded(
+            [this](const Flow& flow, platform::live::Moved original, platform::live::Moved reply) {
+                Count(flow, original, reply, true);
+            });
     }
 }
 
@@ -167,19 +169,33 @@ void LiveFilter::OnDecided(const Connection& connection, bool approved) {
     }
 }
 
-void LiveFilter::Count(const Flow& flow, std::uint64_t original, std::uint64_t reply, bool ended) {
+void LiveFilter::Count(const Flow& flow, platform::live::Moved original,
+                       platform::live::Moved reply, bool ended) {
+    // The program's counters hold what it sent and received: the payload, which is the IP bytes
+    // less the usual headers of each packet (IPv4 20 or IPv6 40 bytes; TCP 32 with the
+    // time-stamp option Linux sends, UDP 8).
+    std::uint64_t header =
+        (flow.family == AF_INET6 ? 40 : 20) + (flow.protocol == IPPROTO_TCP ? 32 : 8);
+    auto payload = [header](platform::live::Moved moved) {
+        std::uint64_t headers = moved.packets * header;
+        return moved.bytes > headers ? moved.bytes - headers : 0;
+    };
+    std::uint64_t originalPayload = payload(original);
+    std::uint64_t replyPayload = payload(reply);
     auto [first, last] = m_counted.equal_range(flow);
     Clock::time_point next = Clock::now() + kCountInterval;
     for (auto entry = first; entry != last;) {
         Counted& counted = entry->second;
         // A new connection may reuse a finished one's addresses and ports: counts start over.
-        std::uint64_t originalMoved =
-            original >= counted.original ? original - counted.original : original;
-        std::uint64_t replyMoved = reply >= counted.reply ? reply - counted.reply : reply;
+        std::uint64_t originalMoved = originalPayload >= counted.original
+                                          ? originalPayload - counted.original
+                                          : originalPayload;
+        std::uint64_t replyMoved =
+            replyPayload >= counted.reply ? replyPayload - counted.reply : replyPayload;
         m_driver.AddTraffic(counted.image, counted.originalCounter, originalMoved);
         m_driver.AddTraffic(counted.image, counted.replyCounter, replyMoved);
-        counted.original = original;
-        counted.reply = reply;
+        counted.original = originalPayload;
+        counted.reply = replyPayload;
         counted.nextLook = next;
         entry = ended ? m_counted.erase(entry) : std::next(entry);
     }
@@ -201,8 +217,8 @@ ReferenceDriver::Clock::time_point LiveFilter::Tick(Clock::time_point now) {
             continue;  // ended, or a look of the other end of the same connection came first
         }
         ++looks;
-        std::uint64_t original = 0;
-        std::uint64_t reply = 0;
+        platform::live::Moved original;
+        platform::live::Moved reply;
         bool finished = false;
         int found = m_counters->Get(flow, &original, &reply, &finished);
         if (found > 0) {

@@ -56,7 +56,7 @@ class LiveFilter : public PollSource {
         std::string image;
         int originalCounter;  // counter index for the bytes of the original direction
         int replyCounter;
-        std::uint64_t original = 0;
+        std::uint64_t original = 0;  // payload counted so far, each direction
         std::uint64_t reply = 0;
         Clock::time_point nextLook;
     };
@@ -65,8 +65,8 @@ class LiveFilter : public PollSource {
 
     void OnPacket(const platform::live::QueuedPacket& packet);
     void OnDecided(const Connection& connection, bool approved);
-    void Count(const platform::live::Flow& flow, std::uint64_t original, std::uint64_t reply,
-               bool ended);
+    void Count(const platform::live::Flow& flow, platform::live::Moved original,
+               platform::live::Moved reply, bool ended);
 
     ReferenceDriver& m_driver;
     Settings m_settings;

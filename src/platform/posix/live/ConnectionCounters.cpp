@@ -32,6 +32,12 @@ bool WriteSetting(const std::string& value) {
     return static_cast<bool>(out.flush());
 }
 
+Moved MovedOf(const nf_conntrack* entry, bool original) {
+    return Moved{
+        nfct_get_attr_u64(entry, original ? ATTR_ORIG_COUNTER_BYTES : ATTR_REPL_COUNTER_BYTES),
+        nfct_get_attr_u64(entry, original ? ATTR_ORIG_COUNTER_PACKETS : ATTR_REPL_COUNTER_PACKETS)};
+}
+
 int OnConnection(nf_conntrack_msg_type, nf_conntrack* entry, void* data) {
     std::uint8_t protocol = nfct_get_attr_u8(entry, ATTR_ORIG_L4PROTO);
     if (protocol != IPPROTO_TCP && protocol != IPPROTO_UDP) {
@@ -53,9 +59,7 @@ int OnConnection(nf_conntrack_msg_type, nf_conntrack* entry, void* data) {
     }
     flow.sourcePort = ntohs(nfct_get_attr_u16(entry, ATTR_ORIG_PORT_SRC));
     flow.destinationPort = ntohs(nfct_get_attr_u16(entry, ATTR_ORIG_PORT_DST));
-    (*static_cast<const CounterSink*>(data))(flow,
-                                             nfct_get_attr_u64(entry, ATTR_ORIG_COUNTER_BYTES),
-                                             nfct_get_attr_u64(entry, ATTR_REPL_COUNTER_BYTES));
+    (*static_cast<const CounterSink*>(data))(flow, MovedOf(entry, true), MovedOf(entry, false));
     return NFCT_CB_CONTINUE;
 }
 
@@ -93,8 +97,7 @@ ConnectionCounters::~ConnectionCounters() {
     }
 }
 
-int ConnectionCounters::Get(const Flow& flow, std::uint64_t* originalBytes,
-                            std::uint64_t* replyBytes, bool* finished) {
+int ConnectionCounters::Get(const Flow& flow, Moved* original, Moved* reply, bool* finished) {
     nf_conntrack* query = nfct_new();
     if (query == nullptr) {
         return -1;
@@ -116,7 +119,7 @@ int ConnectionCounters::Get(const Flow& flow, std::uint64_t* originalBytes,
     nfct_set_attr_u16(query, ATTR_ORIG_PORT_DST, htons(flow.destinationPort));
     struct Answer {
         bool found = false;
-        std::uint64_t original = 0, reply = 0;
+        Moved original, reply;
         bool finished = false;
     } answer;
     nfct_callback_register(
@@ -124,8 +127,8 @@ int ConnectionCounters::Get(const Flow& flow, std::uint64_t* originalBytes,
         [](nf_conntrack_msg_type, nf_conntrack* entry, void* data) -> int {
             auto* found = static_cast<Answer*>(data);
             found->found = true;
-            found->original = nfct_get_attr_u64(entry, ATTR_ORIG_COUNTER_BYTES);
-            found->reply = nfct_get_attr_u64(entry, ATTR_REPL_COUNTER_BYTES);
+            found->original = MovedOf(entry, true);
+            found->reply = MovedOf(entry, false);
             if (nfct_attr_is_set(entry, ATTR_TCP_STATE) > 0) {
                 std::uint8_t state = nfct_get_attr_u8(entry, ATTR_TCP_STATE);
                 found->finished = state >= TCP_CONNTRACK_FIN_WAIT && state <= TCP_CONNTRACK_CLOSE;
@@ -140,8 +143,8 @@ int ConnectionCounters::Get(const Flow& flow, std::uint64_t* originalBytes,
     if (!answer.found) {
         return result < 0 && error != ENOENT ? -1 : 0;
     }
-    *originalBytes = answer.original;
-    *replyBytes = answer.reply;
+    *original = answer.original;
+    *reply = answer.reply;
     *finished = answer.finished;
     return 1;
 }

@@ -15,9 +15,14 @@ struct nfct_handle;
 
 namespace qbrix::platform::live {
 
-// The connection (its original direction) and the bytes in each direction so far.
-using CounterSink =
-    std::function<void(const Flow& flow, std::uint64_t originalBytes, std::uint64_t replyBytes)>;
+// What one direction of a connection moved: IP bytes (headers included) and packets.
+struct Moved {
+    std::uint64_t bytes = 0;
+    std::uint64_t packets = 0;
+};
+
+// The connection (its original direction) and what each direction moved so far.
+using CounterSink = std::function<void(const Flow& flow, Moved original, Moved reply)>;
 
 class ConnectionCounters {
   public:
@@ -30,8 +35,7 @@ class ConnectionCounters {
     // One connection's counts. Found: 1, with *finished telling whether it is closing (a TCP
     // connection past its last data: the counts are final). 0 when it is no longer tracked;
     // -1 when the query failed.
-    int Get(const Flow& flow, std::uint64_t* originalBytes, std::uint64_t* replyBytes,
-            bool* finished);
+    int Get(const Flow& flow, Moved* original, Moved* reply, bool* finished);
     // The descriptor that turns readable when connections end, and their final counts.
     int EndedFd() const;
     void DrainEnded(const CounterSink& sink);

@@ -100,11 +100,24 @@ std::string QueueTarget(const RuleSettings& settings) {
 void RemoveFamily(bool ipv6) {
     std::string tool = Tool(ipv6, "");
     for (int i = 0; i < 2; ++i) {
-        // Every jump, however many a crashed start left.
-        for (int tries = 0; tries < 64; ++tries) {
-            if (Run({tool, "-w", "-t", "filter", "-D", kHooks[i], "-j", kChains[i]}).status != 0) {
-                break;
+        // Every jump to the chain, in whatever form and however many a crashed start left.
+        Outcome listing = Run({tool, "-w", "-t", "filter", "-S", kHooks[i]});
+        std::size_t at = 0;
+        while ((at = listing.output.find("-A ", at)) != std::string::npos) {
+            std::size_t end = listing.output.find('\n', at);
+            std::string rule = listing.output.substr(at, end - at);
+            at = end;
+            if (rule.find(std::string("-j ") + kChains[i]) == std::string::npos) {
+                continue;
             }
+            std::vector<std::string> words = {tool, "-w", "-t", "filter", "-D"};
+            std::size_t start = 3;  // after "-A "
+            while (start < rule.size()) {
+                std::size_t space = rule.find(' ', start);
+                words.push_back(rule.substr(start, space - start));
+                start = space == std::string::npos ? rule.size() : space + 1;
+            }
+            Run(words);
         }
         Run({tool, "-w", "-t", "filter", "-F", kChains[i]});
         Run({tool, "-w", "-t", "filter", "-X", kChains[i]});
@@ -129,12 +142,16 @@ std::string RuleScript(const RuleSettings& settings, bool ipv6) {
             // Only a connection's first packet: a TCP retransmission or a UDP datagram after
             // an approved first one is already counted by the tracking entry.
             script += std::string("-A ") + chain + " -p " + protocol +
-                      " -m conntrack --ctstate NEW -m connbytes --connbytes 0:1 "
-                      "--connbytes-dir original --connbytes-mode packets " +
+                      " -m connbytes --connbytes 0:1 --connbytes-dir original "
+                      "--connbytes-mode packets " +
                       queue + "\n";
         }
     }
-    script += "-I INPUT 1 -j QBRIX-IN\n-I OUTPUT 1 -j QBRIX-OUT\nCOMMIT\n";
+    // Only packets of new connections enter the chains: an established flow's packet costs
+    // one match.
+    script +=
+        "-I INPUT 1 -m conntrack --ctstate NEW -j QBRIX-IN\n"
+        "-I OUTPUT 1 -m conntrack --ctstate NEW -j QBRIX-OUT\nCOMMIT\n";
     return script;
 }
 
