@@ -2,8 +2,6 @@
 
 #include <netinet/in.h>
 
-#include <cstdio>
-
 namespace qbrix::refdriver {
 
 using platform::live::Direction;
