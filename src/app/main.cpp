@@ -13,6 +13,7 @@
 #include "app/AppShell.h"
 #include "core/ControlApp.h"
 #include "events/ContentEventQueue.h"
+#include "platform/posix/LiveMode.h"
 #include "platform/posix/PosixPlatform.h"
 
 #ifdef QBRIX_HAVE_UI
@@ -73,6 +74,30 @@ void ShareOrUnshareMachineRoot(qbrix::core::StartCommand command) {
     }
 }
 
+// The driver's mode is part of the installation: `q-brix I --live` chooses live mode (and, on the
+// machine's root where systemd runs, a unit that starts the live driver at boot); a bare
+// `q-brix I` chooses the simulated driver; `q-brix D` removes both.
+void ApplyDriverMode(qbrix::core::StartCommand command, const std::string& commandText) {
+    using namespace qbrix;
+    if (command != core::StartCommand::Install && command != core::StartCommand::Deinstall) {
+        return;
+    }
+    const std::string& root = platform::Current().Info().dataRoot;
+    bool live = command == core::StartCommand::Install && platform::AsksForLiveMode(commandText);
+    if (!platform::SetDriverMode(root, live)) {
+        std::fprintf(stderr, "q-brix: cannot write the driver mode in %s\n", root.c_str());
+    }
+    bool machine = ::geteuid() == 0 && root == platform::kMachineDataRoot;
+    if (live && machine && platform::SystemdRuns()) {
+        if (!platform::InstallDriverUnit(platform::kSystemUnitDirectory,
+                                         platform::ProgramFile("q-brix-driver"), root, true)) {
+            std::fprintf(stderr, "q-brix: cannot install %s\n", platform::kDriverUnitName);
+        }
+    } else if (!live && machine) {
+        platform::RemoveDriverUnit(platform::kSystemUnitDirectory, platform::SystemdRuns());
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -93,6 +118,7 @@ int main(int argc, char** argv) {
         shell.Run();
     }
     ShareOrUnshareMachineRoot(core::ParseStartCommand(CommandText(argc, argv)));
+    ApplyDriverMode(core::ParseStartCommand(CommandText(argc, argv)), CommandText(argc, argv));
     int result = application.ExitInstance();
     if (shell.ScriptFailed()) {
         result = 1;

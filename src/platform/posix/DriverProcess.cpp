@@ -1,4 +1,5 @@
 #include "platform/posix/DriverProcess.h"
+#include "platform/posix/LiveMode.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -88,12 +89,7 @@ pid_t LaunchDriverProcess(const std::string& image, const std::string& dataRoot,
     sigemptyset(&none);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK);
-    std::vector<std::string> words = {image, "--root", dataRoot, "--foreground"};
-    // Traffic for the reference driver to play when started this way (scripts/run's demo).
-    if (const char* scenario = std::getenv("QBRIX_DRIVER_SCENARIO");
-        scenario != nullptr && *scenario != '\0') {
-        words.insert(words.end(), {"--scenario", scenario});
-    }
+    std::vector<std::string> words = DriverServiceWords(image, dataRoot);
     std::vector<char*> argv;
     for (std::string& word : words) {
         argv.push_back(word.data());

@@ -13,7 +13,8 @@ namespace qbrix::platform {
 // How long a driver may take to come up: generous, since a loaded machine starts processes slowly.
 inline constexpr int kDriverStartTimeoutMs = 5000;
 
-// Runs `image --root DATAROOT --foreground` in its own session and waits until it serves the
+// Runs `image --root DATAROOT --foreground` (with --live when the data root is in live mode:
+// LiveMode.h) in its own session and waits until it serves the
 // device socket. Returns the process id, or -1 with the Windows error code in *error
 // (ERROR_FILE_NOT_FOUND for a missing image, ERROR_SERVICE_REQUEST_TIMEOUT when the process
 // ends or does not serve the socket within `timeoutMs`).
