@@ -4,7 +4,10 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -12,6 +15,7 @@
 #include "core/RegistryPaths.h"
 #include "platform/SocketCatalog.h"
 #include "platform/Utf16.h"
+#include "platform/posix/LiveMode.h"
 #include "platform/posix/PosixPlatform.h"
 #include "support/TempPlatform.h"
 
@@ -32,8 +36,8 @@ class ProviderInstallE2eTest : public ::testing::Test {
         m_scope = std::make_unique<ScopedPlatform>(MakePosixPlatform(info));
     }
 
-    // Runs the program with `command` on the test's data root; its exit status.
-    int RunProgram(const char* command) {
+    // Runs the program with `command` (and a switch) on the test's data root; its exit status.
+    int RunProgram(const char* command, const char* option = nullptr) {
         std::string root = "QBRIX_ROOT=" + m_dir.File("root");
         std::vector<char*> env;
         for (char** e = environ; *e != nullptr; ++e) {
@@ -44,7 +48,8 @@ class ProviderInstallE2eTest : public ::testing::Test {
         env.push_back(root.data());
         env.push_back(nullptr);
         std::string program = QBRIX_PROGRAM;
-        char* argv[] = {program.data(), const_cast<char*>(command), nullptr};
+        char* argv[] = {program.data(), const_cast<char*>(command), const_cast<char*>(option),
+                        nullptr};
         pid_t pid = 0;
         if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv, env.data()) != 0) {
             return -1;
@@ -92,6 +97,40 @@ TEST_F(ProviderInstallE2eTest, InstallThenDeinstallLeavesTheCatalogAsItWas) {
 
     ASSERT_EQ(0, RunProgram("d"));
     EXPECT_EQ(Raw(before), Raw(Catalog()));
+}
+
+// Live mode is only ever an explicit choice of the install step, and goes with the product.
+TEST_F(ProviderInstallE2eTest, OnlyAnInstallWithTheLiveSwitchChoosesLiveMode) {
+    const std::string root = m_dir.File("root");
+    struct Step {
+        const char* command;
+        const char* option;
+        bool live;
+    };
+    const Step steps[] = {{"I", nullptr, false},
+                          {"I", "--live", true},
+                          {"I", nullptr, false},
+                          {"I", "--live", true},
+                          {"D", nullptr, false}};
+    for (const Step& step : steps) {
+        ASSERT_EQ(0, RunProgram(step.command, step.option));
+        EXPECT_EQ(step.live, DriverModeIsLive(root))
+            << step.command << " " << (step.option ? step.option : "");
+        std::vector<std::string> words = DriverServiceWords("/d/q-brix-driver", root);
+        EXPECT_EQ(step.live, std::find(words.begin(), words.end(), "--live") != words.end());
+    }
+    // The boot unit, written to a directory of the test's (never the system's).
+    ASSERT_TRUE(
+        InstallDriverUnit(m_dir.File(""), "/opt/q/q-brix-driver", "/var/lib/q-brix", false));
+    std::ifstream unit(m_dir.File(kDriverUnitName));
+    std::string text((std::istreambuf_iterator<char>(unit)), {});
+    EXPECT_NE(std::string::npos,
+              text.find("\nExecStart=/opt/q/q-brix-driver --root /var/lib/q-brix --foreground "
+                        "--live\n"))
+        << text;
+    EXPECT_NE(std::string::npos, text.find("\nWantedBy=multi-user.target\n"));
+    EXPECT_TRUE(RemoveDriverUnit(m_dir.File(""), false));
+    EXPECT_FALSE(std::filesystem::exists(m_dir.File(kDriverUnitName)));
 }
 
 }  // namespace

@@ -189,7 +189,7 @@ TEST_F(LiveDriverTest, AnUnknownProgramWaitsForTheAnswerWithoutHoldingOthersUp) 
         {m_programs + "/newcomer", "connect", "tcp", "10.77.0.1", "8080", "100", "10000"});
     driver::AppRecord question{};
     ASSERT_TRUE(WaitFor([&] {
-        return driver::TakePendingQuestion(driver::g_hDriver, &question) == 0 &&
+        return driver::TakePendingQuestion(driver::g_hDriver, &question) == 1 &&
                driver::FieldText(question.imageName) == "newcomer";
     }));
     EXPECT_EQ(m_programs + "/newcomer", driver::FieldText(question.path));

@@ -8,11 +8,15 @@
 //   q-brixctl [--root DIR] zone ...         the zone store (see ZoneCommand.h)
 //   q-brixctl [--root DIR] stats [show [PERIOD]]          the stored traffic statistics
 //   q-brixctl [--root DIR] stats reset PERIOD             erase one breakdown
+//   q-brixctl [--root DIR] app list|set IMAGE ZONE|delete IMAGE  the driver's programs
+//                                                          (see AppCommand.h)
+//   q-brixctl [--root DIR] filtering on|off               the driver's filtering switch
 //   q-brixctl [--root DIR] --help|-h                      the usage, status 0
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "AppCommand.h"
 #include "AvCommand.h"
 #include "CatalogCommand.h"
 #include "ContentCommand.h"
@@ -30,6 +34,8 @@ constexpr char kUsage[] =
     "       q-brixctl [--root DIR] options (show | set SWITCH VALUE) ...\n"
     "       q-brixctl [--root DIR] zone list|dump|export|import|delete|lan ...\n"
     "       q-brixctl [--root DIR] stats [show [PERIOD] | reset PERIOD]\n"
+    "       q-brixctl [--root DIR] app (list | set IMAGE ZONE | delete IMAGE)\n"
+    "       q-brixctl [--root DIR] filtering on|off\n"
     "       q-brixctl --help\n";
 
 // A usage error: the problem and the usage on the error stream, status 2.
@@ -67,6 +73,12 @@ int main(int argc, char** argv) {
     args.erase(args.begin());
     if (command == "catalog") {
         return tools::RunCatalogCommand(args, std::cout, std::cerr);
+    }
+    if (command == "app") {
+        return tools::RunAppCommand(args, std::cout, std::cerr);
+    }
+    if (command == "filtering") {
+        return tools::RunFilteringCommand(args, std::cout, std::cerr);
     }
     if (command == "stats") {
         return tools::RunStatsCommand(args, std::cout, std::cerr);
