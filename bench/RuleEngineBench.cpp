@@ -12,6 +12,7 @@
 #include "content/RequiredLiterals.h"
 #include "content/RuleEngine.h"
 #include "content/TestLog.h"
+#include "platform/Platform.h"
 
 namespace {
 
@@ -527,6 +528,8 @@ void RegisterPair(const std::string& family, const std::vector<BenchRule>& rules
 }  // namespace
 
 int main(int argc, char** argv) {
+    // The allocator as every program of the product sets it; the baselines share it.
+    qbrix::platform::KeepLargeBuffersInHeap();
     // Nothing here reads the trace.
     qbrix::content::SetTestLogEnabled(false);
     RegisterPair("page", SharedPageRules(), Page, benchmark::kMicrosecond);

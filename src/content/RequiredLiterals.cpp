@@ -103,6 +103,11 @@ class Analyzer {
         Info info = Alternation(0);
         if (m_failed || m_at != m_text.size())
             return std::nullopt;
+        // Anchored at the start in every branch, the expression is tried by the library at one
+        // position only: scanning the whole text for its literals would cost more than the
+        // search it could save.
+        if (m_everyBranchAnchored)
+            return Info::Unknown();
         return info;
     }
 
@@ -150,6 +155,11 @@ class Analyzer {
 
     // A run of atoms up to "|", ")" or the end. Adjacent exact parts join into longer literals.
     Info Branch(int depth) {
+        if (depth == 0) {
+            std::string_view rest = m_text.substr(m_at);
+            bool anchored = rest.starts_with("^") || rest.starts_with("\\`");
+            m_everyBranchAnchored = m_everyBranchAnchored && anchored;
+        }
         Set run{""};
         std::vector<Set> sets;
         bool exact = true;
@@ -393,6 +403,7 @@ class Analyzer {
     std::string_view m_text;
     std::size_t m_at = 0;
     bool m_failed = false;
+    bool m_everyBranchAnchored = true;  // so far, at the top level
 };
 
 RequiredLiterals::Literal MakeLiteral(const std::string& folded) {

@@ -34,7 +34,7 @@ struct SystemInfo {
 class ComponentLoader;
 
 class Platform {
-public:
+  public:
     Platform(SystemInfo info, std::unique_ptr<Registry> registry);
     ~Platform();
 
@@ -48,7 +48,7 @@ public:
     // The directory for sockets and lock files, created on demand.
     std::string RunDirectory() const;
 
-private:
+  private:
     SystemInfo m_info;
     std::unique_ptr<Registry> m_registry;
     HandleTable m_handles;
@@ -63,14 +63,14 @@ bool IsInstalled();
 
 // Installs a platform for the lifetime of the guard and restores the previous one afterwards.
 class ScopedPlatform {
-public:
+  public:
     explicit ScopedPlatform(std::unique_ptr<Platform> platform);
     ~ScopedPlatform();
     ScopedPlatform(const ScopedPlatform&) = delete;
     ScopedPlatform& operator=(const ScopedPlatform&) = delete;
     Platform& Get() { return *m_platform; }
 
-private:
+  private:
     std::unique_ptr<Platform> m_platform;
     Platform* m_previous;
 };
@@ -94,5 +94,10 @@ std::string ProgramFile(std::string_view name);
 
 // Joins a directory and a relative name with one separator, turning backslashes into '/'.
 std::string JoinPath(std::string_view directory, std::string_view name);
+
+// Keeps buffers up to tens of megabytes (pages, mails, rewritten texts) in the process's heap
+// once freed, instead of handing each back to the system and faulting fresh pages in for the
+// next one. Every program of the product makes this setting when it installs its platform.
+void KeepLargeBuffersInHeap();
 
 }  // namespace qbrix::platform

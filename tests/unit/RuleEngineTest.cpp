@@ -234,6 +234,10 @@ TEST(RequiredLiteralsTest, DerivesWhatEveryMatchHolds) {
         {"abc|x?", ""},
         {"a{0,3}", ""},
         {"x^*abc", ""},
+        // Anchored at the start in every branch: the library tries one position, no scan pays.
+        {"^Subject: [^\r]*(viagra|casino)", ""},
+        {"^ab|\\`cd", ""},
+        {"^ab|cd", "ab|cd"},
     };
     for (const auto& [expression, expected] : cases)
         EXPECT_EQ(Requirements(expression), expected) << expression;
