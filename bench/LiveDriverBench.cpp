@@ -246,8 +246,8 @@ int main() {
     double during = ProcessorSeconds(driverProcess) - before;
     StopDriver(driverProcess);
     // An established flow, without and with the driver in turns (the driver restarted each
-    // time), best of five each: single runs on a shared machine vary by more than the effect.
-    for (int round = 0; round < 5; ++round) {
+    // time), best of nine each: single runs on a shared machine vary by more than the effect.
+    for (int round = 0; round < 9; ++round) {
         bare.megabytesPerSecond = std::max(bare.megabytesPerSecond, Throughput());
         driverProcess = StartDriver(platform.DataRoot());
         if (driverProcess < 0) {
