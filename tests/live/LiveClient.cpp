@@ -1,12 +1,14 @@
 // qbrix-live-client: the program the live-mode tests copy under several names, so that each copy
 // is a program of its own to the firewall.
 //   qbrix-live-client connect tcp|udp ADDRESS PORT BYTES TIMEOUT_MS
-//       sends BYTES and waits for the server's "ok COUNT"; prints "passed COUNT", "refused" or
-//       "timeout" and exits 0, 3 or 4 (1 for any other failure)
+//       sends BYTES and waits for the server's "ok COUNT"; prints "passed COUNT" (TCP: then, on a
+//       second line, "retransmitted BYTES", what TCP sent again), "refused" or "timeout" and
+//       exits 0, 3 or 4 (1 for any other failure)
 //   qbrix-live-client serve tcp|udp ADDRESS PORT
 //       prints "ready" once bound; a TCP peer's bytes are counted until it half-closes, then
 //       answered "ok COUNT"; every UDP datagram is answered "ok SIZE". Runs until killed.
 #include <arpa/inet.h>
+#include <linux/tcp.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -117,11 +119,15 @@ int ConnectTcp(const Address& address, long bytes, Clock::time_point deadline) {
         }
         answer.append(buffer, static_cast<std::size_t>(n));
     }
+    tcp_info info{};
+    socklen_t infoSize = sizeof(info);
+    ::getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &infoSize);
     ::close(fd);
     if (answer.rfind("ok ", 0) != 0) {
         return Outcome(ETIMEDOUT);
     }
-    std::printf("passed %s", answer.c_str() + 3);
+    std::printf("passed %sretransmitted %llu\n", answer.c_str() + 3,
+                static_cast<unsigned long long>(info.tcpi_bytes_retrans));
     return 0;
 }
 
