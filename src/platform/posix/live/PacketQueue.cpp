@@ -5,7 +5,6 @@
 #include <linux/netfilter.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <sys/socket.h>
-
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,13 +22,10 @@ constexpr int kCopyRange = 256;
 constexpr std::size_t kBufferSize = 1 << 20;
 constexpr std::size_t kBatchSize = 4096;  // about a hundred verdicts
 
-struct DrainContext {
-    const std::function<void(const QueuedPacket&)>* onPacket;
-    std::uint16_t queue;
-};
+using PacketSink = std::function<void(const QueuedPacket&)>;
 
 int OnMessage(const nlmsghdr* message, void* data) {
-    auto* context = static_cast<DrainContext*>(data);
+    const auto& onPacket = *static_cast<const PacketSink*>(data);
     nlattr* attributes[NFQA_MAX + 1] = {};
     if (nfq_nlmsg_parse(message, attributes) < 0 || attributes[NFQA_PACKET_HDR] == nullptr) {
         return MNL_CB_OK;
@@ -46,7 +42,7 @@ int OnMessage(const nlmsghdr* message, void* data) {
             static_cast<const std::uint8_t*>(mnl_attr_get_payload(attributes[NFQA_PAYLOAD])),
             mnl_attr_get_payload_len(attributes[NFQA_PAYLOAD]), &packet.flow);
     }
-    (*context->onPacket)(packet);
+    onPacket(packet);
     return MNL_CB_OK;
 }
 
@@ -101,7 +97,8 @@ bool PacketQueue::Configure(std::uint16_t number, std::uint8_t command, std::uin
                  std::strerror(errno);
         return false;
     }
-    // The acknowledgement tells whether the kernel took it (another reader bound: EBUSY).
+    // The acknowledgement tells whether the kernel took it (refused when another reader bound
+    // the queue).
     for (int attempt = 0; attempt < 1000; ++attempt) {
         ssize_t got = mnl_socket_recvfrom(m_socket, buffer, sizeof(buffer));
         if (got < 0 && errno == EAGAIN) {
@@ -158,9 +155,8 @@ bool PacketQueue::Drain(const std::function<void(const QueuedPacket&)>& onPacket
             return errno == EAGAIN || errno == EINTR || errno == ENOBUFS;
         }
         // Messages of several queues may share one read; each names its own queue.
-        DrainContext context{&onPacket, 0};
         mnl_cb_run(m_buffer.data(), static_cast<std::size_t>(got), 0, m_portId, OnMessage,
-                   &context);
+                   const_cast<PacketSink*>(&onPacket));
     }
 }
 
