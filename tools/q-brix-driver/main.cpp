@@ -164,12 +164,9 @@ int main(int argc, char** argv) {
     ReferenceDriver driver(options);
     DriverServer server(driver, root);
     std::string error;
-    if (server.Open(&error) != 0) {
-        std::fprintf(stderr, "q-brix-driver: %s\n", error.c_str());
-        return 1;
-    }
     // Live mode: the machine's own connections, from the kernel's queue. Set up before the
-    // driver detaches, so that what is missing is said where it was started.
+    // device socket is served (a driver that answers is filtering) and before the driver
+    // detaches, so that what is missing is said where it was started.
     std::unique_ptr<qbrix::refdriver::LiveFilter> filter;
     if (live) {
         filter = std::make_unique<qbrix::refdriver::LiveFilter>(driver, liveSettings);
@@ -182,6 +179,10 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "q-brix-driver: live mode: %s\n", warning.c_str());
         }
         server.AddSource(filter.get());
+    }
+    if (server.Open(&error) != 0) {
+        std::fprintf(stderr, "q-brix-driver: %s\n", error.c_str());
+        return 1;
     }
     if (!foreground) {
         // The sockets stay bound across the fork; only the pid file names the parent.
