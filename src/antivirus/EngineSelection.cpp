@@ -3,6 +3,7 @@
 #include <memory>
 #include <new>
 
+#include "antivirus/ClamAvEngine.h"
 #include "antivirus/Nod32Engine.h"
 #include "antivirus/SophosEngine.h"
 #include "antivirus/UnaEngine.h"
@@ -28,11 +29,13 @@ ScanEngine* MakeEngine(EngineKind kind) {
             return new (std::nothrow) UnaEngine();
         case EngineKind::Nod32:
             return new (std::nothrow) Nod32Engine();
+        case EngineKind::ClamAv:
+            return new (std::nothrow) ClamAvEngine(content::g_lspSettings.repository);
     }
     return nullptr;
 }
 
-// Three independent tests: a name holding two of the words gets the engine of the later test.
+// Independent tests: a name holding two of the words gets the engine of the later test.
 void CreateEngineForCurrentName() {
     if (g_currentEngineName.find("Sophos") != std::string::npos) {
         g_currentEngine.reset(MakeEngine(EngineKind::Sophos));
@@ -45,6 +48,10 @@ void CreateEngineForCurrentName() {
     if (g_currentEngineName.find("NOD32") != std::string::npos) {
         g_currentEngine.reset(MakeEngine(EngineKind::Nod32));
         core::DiagLog("\n NOD32 created");
+    }
+    if (g_currentEngineName.find("ClamAV") != std::string::npos) {
+        g_currentEngine.reset(MakeEngine(EngineKind::ClamAv));
+        core::DiagLog("\n ClamAV created");
     }
 }
 
@@ -91,6 +98,24 @@ const std::string& CurrentEngineName() {
 
 std::string StoredEngineName() {
     return content::LoadAvEngineName(content::g_lspSettings);
+}
+
+std::unique_ptr<ScanEngine> CreateEngineByName(const std::string& name,
+                                               const std::string& repository) {
+    std::unique_ptr<ScanEngine> engine;
+    if (name.find("Sophos") != std::string::npos) {
+        engine = std::make_unique<SophosEngine>();
+    }
+    if (name.find("Una") != std::string::npos) {
+        engine = std::make_unique<UnaEngine>();
+    }
+    if (name.find("NOD32") != std::string::npos) {
+        engine = std::make_unique<Nod32Engine>();
+    }
+    if (name.find("ClamAV") != std::string::npos) {
+        engine = std::make_unique<ClamAvEngine>(repository);
+    }
+    return engine;
 }
 
 void SetEngineFactory(EngineFactory factory) {

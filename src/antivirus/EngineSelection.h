@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "antivirus/ScanEngine.h"
@@ -36,9 +37,15 @@ std::string StoredEngineName();
 
 // Makes connectors; tests replace it to watch creation or to fail it (a null engine stands for
 // a failed allocation). Null restores the real connectors.
-enum class EngineKind { Sophos, Una, Nod32 };
+enum class EngineKind { Sophos, Una, Nod32, ClamAv };
 using EngineFactory = std::function<ScanEngine*(EngineKind)>;
 void SetEngineFactory(EngineFactory factory);
+
+// A new connector for an engine name, by the same tests as the selection ("Sophos", "Una",
+// "NOD32", "ClamAV"; a later match wins); null when the name selects none. For callers that keep
+// their own engine (the content processor), apart from the selection state above.
+std::unique_ptr<ScanEngine> CreateEngineByName(const std::string& name,
+                                               const std::string& repository);
 
 // Destroys the current engine and clears the name and the factory (tests start each case from
 // a fresh process state).

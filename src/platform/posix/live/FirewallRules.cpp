@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <functional>
+#include <utility>
 #include <vector>
 
 #include "platform/posix/live/PacketQueue.h"
@@ -97,20 +99,21 @@ std::string QueueTarget(const RuleSettings& settings) {
     return target + " --queue-bypass";
 }
 
-void RemoveFamily(bool ipv6) {
+// Removes every jump from `hook` to `chain` of a table, then the chain itself.
+void RemoveChain(bool ipv6, const char* table, const char* hook, const char* chain) {
     std::string tool = Tool(ipv6, "");
-    for (int i = 0; i < 2; ++i) {
+    {
         // Every jump to the chain, in whatever form and however many a crashed start left.
-        Outcome listing = Run({tool, "-w", "-t", "filter", "-S", kHooks[i]});
+        Outcome listing = Run({tool, "-w", "-t", table, "-S", hook});
         std::size_t at = 0;
         while ((at = listing.output.find("-A ", at)) != std::string::npos) {
             std::size_t end = listing.output.find('\n', at);
             std::string rule = listing.output.substr(at, end - at);
             at = end;
-            if (rule.find(std::string("-j ") + kChains[i]) == std::string::npos) {
+            if (rule.find(std::string("-j ") + chain) == std::string::npos) {
                 continue;
             }
-            std::vector<std::string> words = {tool, "-w", "-t", "filter", "-D"};
+            std::vector<std::string> words = {tool, "-w", "-t", table, "-D"};
             std::size_t start = 3;  // after "-A "
             while (start < rule.size()) {
                 std::size_t space = rule.find(' ', start);
@@ -119,18 +122,65 @@ void RemoveFamily(bool ipv6) {
             }
             Run(words);
         }
-        Run({tool, "-w", "-t", "filter", "-F", kChains[i]});
-        Run({tool, "-w", "-t", "filter", "-X", kChains[i]});
     }
+    Run({tool, "-w", "-t", table, "-F", chain});
+    Run({tool, "-w", "-t", table, "-X", chain});
+}
+
+void RemoveFamily(bool ipv6) {
+    for (int i = 0; i < 2; ++i) {
+        RemoveChain(ipv6, "filter", kHooks[i], kChains[i]);
+    }
+}
+
+constexpr char kRedirectChain[] = "QBRIX-CONTENT";
+
+std::string Mark(std::uint32_t bit) {
+    char mark[32];
+    std::snprintf(mark, sizeof(mark), "0x%x/0x%x", bit, bit);
+    return mark;
+}
+
+// Runs a rule script for both families (see InstallRules for the failure rules).
+int InstallScripts(const std::function<std::string(bool)>& script,
+                   const std::function<void(bool)>& remove, InstalledFamilies* installed,
+                   std::string* error, std::string* warning, const char* needs) {
+    *installed = InstalledFamilies{};
+    for (bool ipv6 : {false, true}) {
+        remove(ipv6);
+        Outcome outcome = Run({Tool(ipv6, "-restore"), "-w", "--noflush"}, script(ipv6));
+        if (outcome.status == 0) {
+            (ipv6 ? installed->ipv6 : installed->ipv4) = true;
+            continue;
+        }
+        std::string reason =
+            outcome.status < 0 && outcome.output.find("not found") != std::string::npos
+                ? Tool(ipv6, "-restore") + " is missing (install the Debian package iptables)"
+                : Tool(ipv6, "-restore") + " failed: " + outcome.output;
+        while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' ')) {
+            reason.pop_back();
+        }
+        if (!ipv6) {
+            *error = reason + " (" + needs + ", and the right to change the packet filter)";
+            return 1;
+        }
+        *warning = "IPv6 traffic is not filtered: " + reason;
+        remove(true);
+    }
+    return 0;
 }
 
 }  // namespace
 
 std::string RuleScript(const RuleSettings& settings, bool ipv6) {
-    char mark[32];
-    std::snprintf(mark, sizeof(mark), "0x%x/0x%x", kRejectMark, kRejectMark);
+    std::string mark = Mark(kRejectMark);
     std::string queue = QueueTarget(settings);
     std::string script = "*filter\n:QBRIX-IN - [0:0]\n:QBRIX-OUT - [0:0]\n";
+    // The content processor's connections to servers carry on what the driver approved for the
+    // program whose connection it serves; the processor's side of a redirected connection was
+    // judged as that program's outgoing one.
+    script += "-A QBRIX-OUT -m mark --mark " + Mark(kUpstreamMark) + " -j RETURN\n";
+    script += "-A QBRIX-IN -m connmark --mark " + Mark(kRedirectedMark) + " -j RETURN\n";
     // A rejected outgoing packet comes back marked: the program gets a refusal at once instead
     // of waiting for a time-out.
     script += std::string("-A QBRIX-OUT -p tcp -m mark --mark ") + mark +
@@ -157,32 +207,10 @@ std::string RuleScript(const RuleSettings& settings, bool ipv6) {
 
 int InstallRules(const RuleSettings& settings, InstalledFamilies* installed, std::string* error,
                  std::string* warning) {
-    *installed = InstalledFamilies{};
-    for (bool ipv6 : {false, true}) {
-        RemoveFamily(ipv6);
-        Outcome outcome =
-            Run({Tool(ipv6, "-restore"), "-w", "--noflush"}, RuleScript(settings, ipv6));
-        if (outcome.status == 0) {
-            (ipv6 ? installed->ipv6 : installed->ipv4) = true;
-            continue;
-        }
-        std::string reason =
-            outcome.status < 0 && outcome.output.find("not found") != std::string::npos
-                ? Tool(ipv6, "-restore") + " is missing (install the Debian package iptables)"
-                : Tool(ipv6, "-restore") + " failed: " + outcome.output;
-        while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' ')) {
-            reason.pop_back();
-        }
-        if (!ipv6) {
-            *error = reason +
-                     " (the NFQUEUE target, the conntrack match and the REJECT target "
-                     "are needed, and the right to change the packet filter)";
-            return 1;
-        }
-        *warning = "IPv6 traffic is not filtered: " + reason;
-        RemoveFamily(true);
-    }
-    return 0;
+    return InstallScripts([&](bool ipv6) { return RuleScript(settings, ipv6); }, RemoveFamily,
+                          installed, error, warning,
+                          "the NFQUEUE target, the conntrack match and the REJECT target are "
+                          "needed");
 }
 
 void RemoveRules() {
@@ -199,6 +227,39 @@ bool RulesPresent() {
         }
     }
     return false;
+}
+
+
+std::string RedirectScript(const RedirectSettings& settings, bool ipv6) {
+    std::string script = std::string("*nat\n:") + kRedirectChain + " - [0:0]\n";
+    script += std::string("-A ") + kRedirectChain + " -m mark --mark " + Mark(kUpstreamMark) +
+              " -j RETURN\n";
+    for (auto [port, to] : {std::pair<int, std::uint16_t>{80, settings.httpPort},
+                            std::pair<int, std::uint16_t>{110, settings.pop3Port}}) {
+        if (to == 0) {
+            continue;
+        }
+        std::string match = std::string("-A ") + kRedirectChain + " -p tcp --dport " +
+                            std::to_string(port);
+        script += match + " -j CONNMARK --or-mark " + std::to_string(kRedirectedMark) + "\n";
+        script += match + " -j REDIRECT --to-ports " + std::to_string(to) + "\n";
+    }
+    (void)ipv6;
+    return script + std::string("-I OUTPUT 1 -j ") + kRedirectChain + "\nCOMMIT\n";
+}
+
+int InstallRedirect(const RedirectSettings& settings, InstalledFamilies* installed,
+                    std::string* error, std::string* warning) {
+    auto remove = [](bool ipv6) { RemoveChain(ipv6, "nat", "OUTPUT", kRedirectChain); };
+    return InstallScripts([&](bool ipv6) { return RedirectScript(settings, ipv6); }, remove,
+                          installed, error, warning,
+                          "the nat table with the REDIRECT and CONNMARK targets is needed");
+}
+
+void RemoveRedirect() {
+    for (bool ipv6 : {false, true}) {
+        RemoveChain(ipv6, "nat", "OUTPUT", kRedirectChain);
+    }
 }
 
 }  // namespace qbrix::platform::live

@@ -37,4 +37,24 @@ void RemoveRules();
 // Whether any of the driver's chains exists (a running or killed driver left them).
 bool RulesPresent();
 
+// The content processor's redirection: new TCP connections of the machine's programs to port 80
+// (HTTP) and 110 (POP3) go to the processor's own ports instead ("QBRIX-CONTENT" in the nat
+// table, entered from the top of OUTPUT). The processor's own connections to the servers carry
+// kUpstreamMark and pass. Redirected connections carry kRedirectedMark on their tracking entry,
+// so the driver judges them by the program that opened them and the address it asked for, not
+// by the processor that receives them.
+inline constexpr std::uint32_t kUpstreamMark = 0x00200000u;
+inline constexpr std::uint32_t kRedirectedMark = 0x00400000u;
+
+struct RedirectSettings {
+    std::uint16_t httpPort = 0;  // 0: HTTP not redirected
+    std::uint16_t pop3Port = 0;  // 0: POP3 not redirected
+};
+
+std::string RedirectScript(const RedirectSettings& settings, bool ipv6);
+// Installs the redirection for IPv4 and, where possible, IPv6 (failures as InstallRules).
+int InstallRedirect(const RedirectSettings& settings, InstalledFamilies* installed,
+                    std::string* error, std::string* warning);
+void RemoveRedirect();
+
 }  // namespace qbrix::platform::live

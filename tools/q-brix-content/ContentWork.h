@@ -1,0 +1,100 @@
+// What the processor does to one message's content: the antivirus scan (incoming content) and
+// the side's enabled rules, with the events the control program's Content Log shows. Runs on a
+// worker thread; touches no socket.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "ContentPolicy.h"
+#include "antivirus/ScanEngine.h"
+#include "events/ContentEvent.h"
+
+namespace qbrix::contentproc {
+
+// How long one rule may run over one text; a rule that needs longer lets the content through
+// unchanged. A page's rules run far below this (a 100 KB page takes microseconds per rule).
+inline constexpr std::uint32_t kRuleTimeLimitMs = 2000;
+
+struct Event {
+    events::ContentKind kind;
+    std::string address;
+    std::string name;
+    std::string quarantine;
+};
+
+// One content event as the mailslot carries it, each text cut to its field.
+events::ContentEvent ToRecord(const Event& event);
+
+struct ScanVerdict {
+    enum class State : std::uint8_t { Clean, Infected, Failed, TimedOut } state = State::Clean;
+    std::string text;  // the engine's name of what it found, or the failure text
+};
+
+// The selected antivirus engine, created by name as the control program's selection does
+// ("Sophos", "Una", "NOD32", "ClamAV" in the name) and kept while the name stays. Scans are made
+// one at a time, each under the policy's time limit: a scan that takes longer is abandoned (its
+// thread finishes on its own) and the content passes.
+class Scanner {
+  public:
+    using Factory = std::function<std::unique_ptr<antivirus::ScanEngine>(
+        const std::string& name, const std::string& repository)>;
+    explicit Scanner(Factory factory);
+    // Whether a name selects an engine at all ("Disabled" and "" do not).
+    static bool Selects(const std::string& name);
+    ScanVerdict ScanFile(const std::string& name, const std::string& repository,
+                         const std::string& path, std::uint32_t timeoutMs);
+
+  private:
+    struct State;
+    std::shared_ptr<State> m_state;
+};
+
+struct WorkRequest {
+    std::size_t protocol = content::kHttpRow;
+    Side side = Side::Incoming;
+    std::string address;        // the URL, or the mail's server and message number
+    std::string suggestedName;  // a file name for the quarantined copy
+};
+
+struct WorkResult {
+    bool changed = false;  // `text` was rewritten or replaced
+    bool blocked = false;  // replaced by a notice: a virus was found
+    std::vector<Event> events;
+};
+
+// Where quarantined copies and scan files go.
+struct WorkFolders {
+    std::string quarantine;
+    std::string scratch;
+};
+// The quarantine folder: the stored value when it is a path of this system, else the data
+// root's "quarantine".
+std::string QuarantineFolderOf(const ContentPolicy& policy, const std::string& dataRoot);
+
+class ContentWorker {
+  public:
+    ContentWorker(Scanner& scanner, std::string dataRoot);
+    // Scans (incoming content, when the protocol asks for it) and runs the side's rules over
+    // `text`. A blocked text is replaced by `notice(virusName, quarantinePath)`.
+    WorkResult Process(const ContentPolicy& policy, const WorkRequest& request, std::string& text,
+                       const std::function<std::string(const std::string&, const std::string&)>&
+                           notice);
+
+  private:
+    Scanner& m_scanner;
+    std::string m_dataRoot;
+    std::mutex m_lock;
+    std::uint64_t m_sequence = 0;
+};
+
+// Runs the rules in order over the text; what they found and did becomes events (for rules
+// whose Log is on). True when the text changed.
+bool RunRules(const std::vector<const content::ContentRule*>& rules, std::string& text,
+              const std::string& address, std::vector<Event>& events);
+
+}  // namespace qbrix::contentproc
