@@ -25,6 +25,10 @@
 #include "content/LspSettings.h"
 #include "content/RuleEngine.h"
 #include "core/RegistryKey.h"
+#include "driver/DriverControl.h"
+#include "driver/DriverErrors.h"
+#include "driver/DriverRecords.h"
+#include "platform/Device.h"
 #include "core/RegistryPaths.h"
 #include "events/ContentEvent.h"
 #include "platform/Kernel.h"
@@ -395,6 +399,57 @@ TEST_P(ContentProcessorScanTest, AVirusIsBlockedAndQuarantined) {
     EXPECT_EQ(0u, std::string(events[0].quarantine).rfind(quarantine, 0));
     EXPECT_EQ(events::kWebQuiet, events[1].type);
     EXPECT_STREQ("Scanned", events[1].name);
+}
+
+// Allows TCP to port 80 of 10.77.0.0/24 and nothing else.
+driver::ZoneRecord WebOnly(std::uint32_t result) {
+    driver::ZoneRecord zone{};
+    driver::SetFieldText(zone.name, "Web only");
+    zone.result = result;
+    driver::ZoneRule& rule = zone.rules[0];
+    rule.enabled = 1;
+    driver::SetFieldText(rule.name, "web");
+    rule.address = 0x0A4D0000;
+    rule.mask = 0xFFFFFF00;
+    rule.remotePort = 80;
+    rule.protocol = 1;
+    rule.direction = 2;
+    return zone;
+}
+
+TEST_F(ContentProcessorTest, TheLiveDriverRunsItAndJudgesWebByTheServerAskedFor) {
+    BackgroundProcess driverProcess({QBRIX_DRIVER_BINARY, "--root", m_platform.DataRoot(),
+                                     "--foreground", "--live", "--content", "--hold-ms", "1000"},
+                                    {}, m_files.File("driver.err"));
+    ASSERT_TRUE(test::WaitFor([] { return std::filesystem::exists(platform::DeviceSocketPath()); }))
+        << Errors();
+    driver::ResetDriverLink();
+    ASSERT_EQ(0, driver::OpenDriverDevice(1)) << driver::DriverErrorText();
+    // This program may reach port 80 of the servers only: a connection judged by the
+    // processor's address (after the redirection) would be refused.
+    driver::AppRecord record{};
+    driver::SetFieldText(record.imageName, std::filesystem::read_symlink("/proc/self/exe")
+                                               .filename()
+                                               .string());
+    driver::SetFieldText(record.path, std::filesystem::read_symlink("/proc/self/exe").string());
+    record.zone = WebOnly(1);
+    ASSERT_EQ(0, driver::SetAppRecord(driver::g_hDriver, record));
+    {
+        tcp::socket socket = Connect(80);
+        EXPECT_EQ(Expected(Page(), "banner", "BANNER"), Get(socket, "/plain").body());
+    }
+    // With the port rule switched off the zone's result refuses it.
+    record.zone.rules[0].enabled = 0;
+    ASSERT_EQ(0, driver::SetAppRecord(driver::g_hDriver, record));
+    tcp::socket refused(m_io);
+    beast::error_code ec;
+    refused.connect({net::ip::make_address(kServer), 80}, ec);
+    EXPECT_EQ(net::error::connection_refused, ec);
+    driver::ResetDriverLink();
+    EXPECT_EQ(0, driverProcess.Stop(SIGTERM));
+    EXPECT_FALSE(platform::live::RulesPresent());
+    test::ProcessResult left = test::RunProcess({"iptables", "-t", "nat", "-S"});
+    EXPECT_EQ(std::string::npos, left.out.find("QBRIX-CONTENT")) << left.out;
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, ContentProcessorScanTest, ::testing::Values("ClamAV", "NOD32"));

@@ -3,7 +3,7 @@
 // and takes simulated connections from a scenario or from the command line.
 //
 //   q-brix-driver [--root DIR] [--foreground] [--scenario FILE|demo] [--version-text TEXT]
-//                 [--hold-ms MS] [--flood] [--live [--queues N]]
+//                 [--hold-ms MS] [--flood] [--live [--queues N] [--content]]
 //   q-brix-driver [--root DIR] --inject "connect IMAGE tcp|udp in|out A.B.C.D:PORT [BYTES] ..."
 //   q-brix-driver [--root DIR] --status
 //   q-brix-driver --help
@@ -18,6 +18,7 @@
 #include <sstream>
 #include <string>
 
+#include "ContentChild.h"
 #include "DriverServer.h"
 #include "LiveFilter.h"
 #include "Scenario.h"
@@ -31,7 +32,7 @@ using qbrix::refdriver::ReferenceDriver;
 constexpr char kUsage[] =
     "usage: q-brix-driver [--root DIR] [--foreground] [--scenario FILE|demo]\n"
     "                     [--version-text TEXT] [--hold-ms MS] [--flood]\n"
-    "                     [--live [--queues N]]\n"
+    "                     [--live [--queues N] [--content]]\n"
     "       q-brix-driver [--root DIR] --inject \"connect IMAGE tcp|udp in|out "
     "A.B.C.D:PORT [BYTES] [local=PORT] [path=P]\"\n"
     "       q-brix-driver [--root DIR] --status\n"
@@ -85,6 +86,7 @@ int main(int argc, char** argv) {
     std::string inject;
     bool status = false;
     bool live = false;
+    bool content = false;
     qbrix::refdriver::LiveFilter::Settings liveSettings;
     ReferenceDriver::Options options;
     options.nineX = qbrix::platform::FamilyFromEnvironment() == qbrix::platform::Family::Win9x;
@@ -113,6 +115,8 @@ int main(int argc, char** argv) {
             options.holdTime = std::chrono::milliseconds(ms);
         } else if (arg == "--live") {
             live = true;
+        } else if (arg == "--content") {
+            content = true;
         } else if (arg == "--queues" && hasValue) {
             std::string_view value = argv[++i];
             unsigned count = 0;
@@ -131,6 +135,9 @@ int main(int argc, char** argv) {
         } else {
             return Usage();
         }
+    }
+    if (content && !live) {
+        return Usage();
     }
     if (!inject.empty()) {
         return Client(root, inject.rfind("connect ", 0) == 0 ? inject : "connect " + inject);
@@ -196,7 +203,28 @@ int main(int argc, char** argv) {
         [[maybe_unused]] ssize_t ignored = ::write(ready[1], &ok, 1);
         ::close(ready[1]);
     }
+    // The content processor, after the driver has detached: it ends with the process that
+    // started it.
+    std::unique_ptr<qbrix::refdriver::ContentChild> processor;
+    if (content) {
+        std::string self = qbrix::platform::DetectSystemInfo().programDirectory;
+        std::vector<std::string> arguments = {"--transparent"};
+        if (!root.empty()) {
+            arguments.insert(arguments.begin(), {"--root", root});
+        }
+        processor = std::make_unique<qbrix::refdriver::ContentChild>(self + "q-brix-content",
+                                                                     std::move(arguments));
+        // The firewall runs on without it: web and mail then pass unfiltered, as said.
+        if (processor->Start(&error) != 0) {
+            std::fprintf(stderr, "q-brix-driver: %s; web and mail content is not filtered\n",
+                         error.c_str());
+            processor.reset();
+        } else {
+            server.AddSource(processor.get());
+        }
+    }
     server.SetScenario(std::move(steps));
     server.Run();
+    processor.reset();
     return 0;
 }

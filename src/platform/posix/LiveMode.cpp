@@ -74,7 +74,8 @@ bool SetDriverMode(const std::string& dataRoot, bool live) {
 std::vector<std::string> DriverServiceWords(const std::string& image, const std::string& dataRoot) {
     std::vector<std::string> words = {image, "--root", dataRoot, "--foreground"};
     if (DriverModeIsLive(dataRoot)) {
-        words.emplace_back("--live");
+        // The live firewall and, with it, the content processor for web and mail.
+        words.insert(words.end(), {"--live", "--content"});
     }
     // Traffic for the reference driver to play when started this way (scripts/run's demo).
     if (const char* scenario = std::getenv("QBRIX_DRIVER_SCENARIO");
@@ -94,7 +95,7 @@ std::string DriverUnitText(const std::string& driverImage, const std::string& da
            "[Service]\n"
            "ExecStart=" +
            driverImage + " --root " + dataRoot +
-           " --foreground --live\n"
+           " --foreground --live --content\n"
            "Restart=on-failure\n"
            "\n"
            "[Install]\n"

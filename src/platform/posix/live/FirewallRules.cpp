@@ -21,6 +21,9 @@ namespace {
 
 constexpr const char* kChains[] = {"QBRIX-IN", "QBRIX-OUT"};
 constexpr const char* kHooks[] = {"INPUT", "OUTPUT"};
+// The driver's chain in the mangle table, for the ports the content processor serves.
+constexpr char kContentChain[] = "QBRIX-WEB";
+constexpr char kContentPorts[] = "80,110";
 
 struct Outcome {
     int status = -1;  // exit status; -1 when the program could not run
@@ -131,6 +134,7 @@ void RemoveFamily(bool ipv6) {
     for (int i = 0; i < 2; ++i) {
         RemoveChain(ipv6, "filter", kHooks[i], kChains[i]);
     }
+    RemoveChain(ipv6, "mangle", "OUTPUT", kContentChain);
 }
 
 constexpr char kRedirectChain[] = "QBRIX-CONTENT";
@@ -175,26 +179,36 @@ int InstallScripts(const std::function<std::string(bool)>& script,
 std::string RuleScript(const RuleSettings& settings, bool ipv6) {
     std::string mark = Mark(kRejectMark);
     std::string queue = QueueTarget(settings);
-    std::string script = "*filter\n:QBRIX-IN - [0:0]\n:QBRIX-OUT - [0:0]\n";
-    // The content processor's connections to servers carry on what the driver approved for the
-    // program whose connection it serves; the processor's side of a redirected connection was
-    // judged as that program's outgoing one.
-    script += "-A QBRIX-OUT -m mark --mark " + Mark(kUpstreamMark) + " -j RETURN\n";
-    script += "-A QBRIX-IN -m connmark --mark " + Mark(kRedirectedMark) + " -j RETURN\n";
+    std::string firstPacket =
+        " -m connbytes --connbytes 0:1 --connbytes-dir original --connbytes-mode packets ";
+    // Web and mail connections are judged before the content processor's redirection (mangle
+    // runs before nat), while they still carry the address the program asked for; a refused one
+    // comes back marked and is answered in the filter table's chain.
+    std::string script = std::string("*mangle\n:") + kContentChain + " - [0:0]\n";
+    script += std::string("-A ") + kContentChain + " -m mark --mark " + mark + " -j RETURN\n";
+    script += std::string("-A ") + kContentChain + " -m mark --mark " + Mark(kUpstreamMark) +
+              " -j RETURN\n";
+    script += std::string("-A ") + kContentChain + " -p tcp -m multiport --dports " +
+              kContentPorts + firstPacket + queue + "\n";
+    script += std::string("-I OUTPUT 1 -m conntrack --ctstate NEW -j ") + kContentChain +
+              "\nCOMMIT\n";
+    script += "*filter\n:QBRIX-IN - [0:0]\n:QBRIX-OUT - [0:0]\n";
     // A rejected outgoing packet comes back marked: the program gets a refusal at once instead
     // of waiting for a time-out.
-    script += std::string("-A QBRIX-OUT -p tcp -m mark --mark ") + mark +
-              " -j REJECT --reject-with tcp-reset\n";
-    script += std::string("-A QBRIX-OUT -m mark --mark ") + mark + " -j REJECT --reject-with " +
+    script += "-A QBRIX-OUT -p tcp -m mark --mark " + mark + " -j REJECT --reject-with tcp-reset\n";
+    script += "-A QBRIX-OUT -m mark --mark " + mark + " -j REJECT --reject-with " +
               (ipv6 ? "icmp6-port-unreachable" : "icmp-port-unreachable") + "\n";
+    // Judged in mangle already: web and mail, and the content processor's own connections.
+    script += std::string("-A QBRIX-OUT -p tcp -m multiport --dports ") + kContentPorts +
+              " -j RETURN\n";
+    script += "-A QBRIX-OUT -m mark --mark " + Mark(kUpstreamMark) + " -j RETURN\n";
+    // The processor's side of a redirected connection was judged as the program's outgoing one.
+    script += "-A QBRIX-IN -m connmark --mark " + Mark(kRedirectedMark) + " -j RETURN\n";
     for (const char* chain : kChains) {
         for (const char* protocol : {"tcp", "udp"}) {
             // Only a connection's first packet: a TCP retransmission or a UDP datagram after
             // an approved first one is already counted by the tracking entry.
-            script += std::string("-A ") + chain + " -p " + protocol +
-                      " -m connbytes --connbytes 0:1 --connbytes-dir original "
-                      "--connbytes-mode packets " +
-                      queue + "\n";
+            script += std::string("-A ") + chain + " -p " + protocol + firstPacket + queue + "\n";
         }
     }
     // Only packets of new connections enter the chains: an established flow's packet costs
@@ -225,10 +239,12 @@ bool RulesPresent() {
                 return true;
             }
         }
+        if (Run({Tool(ipv6, ""), "-w", "-t", "mangle", "-n", "-L", kContentChain}).status == 0) {
+            return true;
+        }
     }
     return false;
 }
-
 
 std::string RedirectScript(const RedirectSettings& settings, bool ipv6) {
     std::string script = std::string("*nat\n:") + kRedirectChain + " - [0:0]\n";

@@ -1,5 +1,7 @@
 // The driver's own packet-filter rules: two chains, "QBRIX-IN" and "QBRIX-OUT", in the filter
-// table of IPv4 and IPv6, entered from the top of INPUT and OUTPUT. They send the first packet of
+// table of IPv4 and IPv6, entered from the top of INPUT and OUTPUT, and "QBRIX-WEB" in the mangle
+// table's OUTPUT for outgoing web and mail connections (judged there before the content
+// processor's redirection changes their address). They send the first packet of
 // every new TCP connection and UDP flow (the tracking entry's first packet) to the driver's
 // queues, with the bypass flag, so traffic
 // passes whenever no driver reads the queues; established traffic never reaches them. Installed
