@@ -4,9 +4,12 @@
 //       sends BYTES and waits for the server's "ok COUNT"; prints "passed COUNT" (TCP: then, on a
 //       second line, "retransmitted BYTES", what TCP sent again), "refused" or "timeout" and
 //       exits 0, 3 or 4 (1 for any other failure)
-//   qbrix-live-client serve tcp|udp ADDRESS PORT
+//   qbrix-live-client serve tcp|udp|web ADDRESS PORT
 //       prints "ready" once bound; a TCP peer's bytes are counted until it half-closes, then
-//       answered "ok COUNT"; every UDP datagram is answered "ok SIZE". Runs until killed.
+//       answered "ok COUNT"; every UDP datagram is answered "ok SIZE"; "web" answers every HTTP
+//       request with a small demo page. Runs until killed.
+//   qbrix-live-client get ADDRESS PORT
+//       fetches "/" over HTTP and prints the answer's body (the demo browser).
 #include <arpa/inet.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
@@ -163,8 +166,46 @@ int ConnectUdp(const Address& address, long bytes, Clock::time_point deadline) {
     return 0;
 }
 
+constexpr char kDemoPage[] =
+    "<html><body><h1>Demo page</h1><p>News of the day.</p>"
+    "<p><img src=\"banner.gif\"> a banner ad</p></body></html>\n";
+
+// One HTTP request per connection: the demo page, then the connection closes.
+void AnswerWeb(int peer) {
+    std::string request;
+    std::vector<char> data(4096);
+    for (ssize_t n; request.find("\r\n\r\n") == std::string::npos &&
+                    (n = ::recv(peer, data.data(), data.size(), 0)) > 0;) {
+        request.append(data.data(), static_cast<std::size_t>(n));
+    }
+    std::string answer = "HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nContent-Length: " +
+                         std::to_string(sizeof(kDemoPage) - 1) + "\r\nConnection: close\r\n\r\n" +
+                         kDemoPage;
+    ::send(peer, answer.data(), answer.size(), MSG_NOSIGNAL);
+}
+
+int Get(const Address& address) {
+    int fd = ::socket(address.storage.ss_family, SOCK_STREAM, 0);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address.storage), address.size) != 0) {
+        std::puts(errno == ECONNREFUSED ? "refused" : "failed");
+        return 3;
+    }
+    std::string request = "GET / HTTP/1.1\r\nHost: demo.example\r\nConnection: close\r\n\r\n";
+    ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+    std::string answer;
+    std::vector<char> data(65536);
+    for (ssize_t n; (n = ::recv(fd, data.data(), data.size(), 0)) > 0;) {
+        answer.append(data.data(), static_cast<std::size_t>(n));
+    }
+    ::close(fd);
+    std::size_t body = answer.find("\r\n\r\n");
+    std::fputs(body == std::string::npos ? answer.c_str() : answer.c_str() + body + 4, stdout);
+    return 0;
+}
+
 int Serve(const std::string& protocol, const Address& address) {
-    bool tcp = protocol == "tcp";
+    bool web = protocol == "web";
+    bool tcp = protocol == "tcp" || web;
     int fd = ::socket(address.storage.ss_family, tcp ? SOCK_STREAM : SOCK_DGRAM, 0);
     int on = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
@@ -196,7 +237,12 @@ int Serve(const std::string& protocol, const Address& address) {
         if (peer < 0) {
             continue;
         }
-        std::thread([peer] {
+        std::thread([peer, web] {
+            if (web) {
+                AnswerWeb(peer);
+                ::close(peer);
+                return;
+            }
             std::vector<char> data(65536);
             long total = 0;
             for (ssize_t n; (n = ::recv(peer, data.data(), data.size(), 0)) > 0;) {
@@ -226,9 +272,13 @@ int main(int argc, char** argv) {
         Parse(args[2].c_str(), args[3].c_str(), &address)) {
         return Serve(args[1], address);
     }
+    if (args.size() == 3 && args[0] == "get" && Parse(args[1].c_str(), args[2].c_str(), &address)) {
+        return Get(address);
+    }
     std::fputs(
         "usage: qbrix-live-client connect tcp|udp ADDRESS PORT BYTES TIMEOUT_MS\n"
-        "       qbrix-live-client serve tcp|udp ADDRESS PORT\n",
+        "       qbrix-live-client serve tcp|udp|web ADDRESS PORT\n"
+        "       qbrix-live-client get ADDRESS PORT\n",
         stderr);
     return 2;
 }
