@@ -1,0 +1,168 @@
+// The content processor's protocol logic without sockets: the POP3 conversation and the HTTP
+// content codings.
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <string>
+#include <vector>
+
+#include "Codings.h"
+#include "Pop3Session.h"
+
+namespace qbrix::contentproc {
+namespace {
+
+// Records what the session forwards; a message is answered with `rewrite` applied, at once.
+struct Recorder : Pop3Sink {
+    std::string toServer, toClient;
+    std::vector<std::string> messages;
+    std::function<std::string(std::string)> rewrite = [](std::string text) { return text; };
+    Pop3Session* session = nullptr;
+    void ToServer(std::string_view bytes) override { toServer.append(bytes); }
+    void ToClient(std::string_view bytes) override { toClient.append(bytes); }
+    void Message(const std::string& command, std::string text) override {
+        messages.push_back(command + "|" + text);
+        session->CompleteMessage(rewrite(std::move(text)));
+    }
+};
+
+struct Conversation {
+    std::string client;  // what the mail program sends, all at once
+    std::string server;  // what the server answers
+};
+
+const Conversation kSession{
+    "USER a\r\nPASS b\r\nSTAT\r\nLIST\r\nUIDL 1\r\nRETR 1\r\nTOP 1 0\r\nQUIT\r\n",
+    "+OK hello\r\n+OK\r\n+OK\r\n+OK 1 40\r\n+OK\r\n1 40\r\n.\r\n+OK 1 x\r\n"
+    "+OK 40 octets\r\nSubject: s\r\n\r\n..dot\r\nbody\r\n.\r\n"
+    "+OK\r\nSubject: s\r\n\r\n.\r\n+OK bye\r\n"};
+
+void Feed(Pop3Session& session, const Conversation& conversation, std::size_t piece) {
+    session.FromClient(conversation.client);
+    for (std::size_t at = 0; at < conversation.server.size(); at += piece) {
+        session.FromServer(std::string_view(conversation.server).substr(at, piece));
+    }
+}
+
+class Pop3SessionTest : public ::testing::TestWithParam<std::size_t> {};
+
+TEST_P(Pop3SessionTest, AnUnchangedSessionPassesByteForByte) {
+    Recorder sink;
+    Pop3Session session(sink, 100000);
+    sink.session = &session;
+    Feed(session, kSession, GetParam());
+    EXPECT_FALSE(session.Failed());
+    EXPECT_EQ(kSession.client, sink.toServer);
+    EXPECT_EQ(kSession.server, sink.toClient);
+    ASSERT_EQ(2u, sink.messages.size());
+    EXPECT_EQ("RETR 1|Subject: s\r\n\r\n.dot\r\nbody\r\n", sink.messages[0]);
+    EXPECT_EQ("TOP 1 0|Subject: s\r\n\r\n", sink.messages[1]);
+}
+
+INSTANTIATE_TEST_SUITE_P(Pieces, Pop3SessionTest, ::testing::Values(1, 3, 7, 1000));
+
+TEST(Pop3Session, ARewrittenMessageIsStuffedAgainAndEndsRight) {
+    Recorder sink;
+    Pop3Session session(sink, 100000);
+    sink.session = &session;
+    sink.rewrite = [](std::string) { return std::string(".first\r\nsecond\r\n.\r\nlast"); };
+    session.FromClient("RETR 1\r\n");
+    session.FromServer("+OK hi\r\n+OK m\r\nx\r\n.\r\n");
+    EXPECT_EQ("+OK hi\r\n+OK m\r\n..first\r\nsecond\r\n..\r\nlast\r\n.\r\n", sink.toClient);
+}
+
+TEST(Pop3Session, AMessageOverTheLimitStreamsUnchanged) {
+    Recorder sink;
+    Pop3Session session(sink, 10);
+    sink.session = &session;
+    std::string answer = "+OK\r\n" + std::string(50, 'a') + "\r\n..b\r\n.\r\n+OK bye\r\n";
+    session.FromClient("RETR 1\r\nQUIT\r\n");
+    session.FromServer("+OK hi\r\n");
+    for (char c : answer) {
+        session.FromServer(std::string(1, c));
+    }
+    EXPECT_TRUE(sink.messages.empty());
+    EXPECT_EQ("+OK hi\r\n" + answer, sink.toClient);
+}
+
+TEST(Pop3Session, AuthExchangesAndStartTlsAreNotTakenForCommands) {
+    Recorder sink;
+    Pop3Session session(sink, 1000);
+    sink.session = &session;
+    session.FromClient("AUTH PLAIN\r\n");
+    session.FromServer("+OK hi\r\n+ \r\n");
+    session.FromClient("RETR 1\r\n");  // the credentials, whatever they look like
+    session.FromServer("+OK in\r\n");
+    session.FromClient("STLS\r\n");
+    session.FromServer("+OK go\r\n\x16\x03\x01 binary\r\n.\r\n");
+    session.FromClient("\x16\x03 client hello\n");
+    EXPECT_TRUE(session.Tunnel());
+    EXPECT_TRUE(sink.messages.empty());
+    EXPECT_EQ("+OK hi\r\n+ \r\n+OK in\r\n+OK go\r\n\x16\x03\x01 binary\r\n.\r\n", sink.toClient);
+}
+
+TEST(Pop3Session, OverlongLinesEndTheSession) {
+    for (bool fromClient : {true, false}) {
+        Recorder sink;
+        Pop3Session session(sink, 1000);
+        std::string line(Pop3Session::kMaxLine + 1, 'x');
+        fromClient ? session.FromClient(line) : session.FromServer(line);
+        EXPECT_TRUE(session.Failed()) << fromClient;
+    }
+}
+
+std::string Compress(const std::string& text, int windowBits) {
+    z_stream stream{};
+    deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
+    std::string out(deflateBound(&stream, text.size()) + 32, '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+    stream.avail_in = static_cast<uInt>(text.size());
+    stream.next_out = reinterpret_cast<Bytef*>(out.data());
+    stream.avail_out = static_cast<uInt>(out.size());
+    deflate(&stream, Z_FINISH);
+    out.resize(stream.total_out);
+    deflateEnd(&stream);
+    return out;
+}
+
+TEST(Codings, BodiesDecodeWithinTheLimitOrPassAsTheyAre) {
+    std::string page = "<html>" + std::string(5000, 'p') + "</html>";
+    struct Case {
+        const char* encoding;
+        std::string body;
+        std::size_t limit;
+        DecodeResult result;
+    } cases[] = {
+        {"gzip", Compress(page, 15 + 16), 100000, DecodeResult::Ok},
+        {" X-GZIP ", Compress(page, 15 + 16), 100000, DecodeResult::Ok},
+        {"deflate", Compress(page, 15), 100000, DecodeResult::Ok},
+        {"deflate", Compress(page, -15), 100000, DecodeResult::Ok},  // raw, as some servers send
+        {"", page, 100000, DecodeResult::Ok},
+        {"gzip", Compress(std::string(50 << 20, '\0'), 15 + 16), 100000, DecodeResult::TooLarge},
+        {"gzip", Compress(page, 15 + 16).substr(0, 40), 100000, DecodeResult::Corrupt},
+        {"gzip", "not compressed", 100000, DecodeResult::Corrupt},
+        {"br", page, 100000, DecodeResult::Corrupt},
+    };
+    for (const Case& c : cases) {
+        std::string out;
+        EXPECT_EQ(c.result, Decode(CodingOf(c.encoding), c.body, c.limit, out)) << c.encoding;
+        if (c.result == DecodeResult::Ok) {
+            EXPECT_EQ(page, out) << c.encoding;
+        }
+    }
+    EXPECT_EQ(Coding::Unknown, CodingOf("gzip, br"));
+}
+
+TEST(Codings, ABlockedMailKeepsItsAddressLinesAndSaysWhy) {
+    std::string mail = BlockedMail(
+        "From: a@b\r\nReceived: x\r\nSubject: hi\r\nTo: c@d\r\n\r\nSubject: not a header\r\n",
+        "Eicar-Test-Signature", "/q/1.eml");
+    EXPECT_EQ(0u, mail.find("From: a@b\r\nSubject: [q-Brix: virus removed] hi\r\nTo: c@d\r\n"));
+    EXPECT_EQ(std::string::npos, mail.find("Received"));
+    EXPECT_NE(std::string::npos, mail.find("Eicar-Test-Signature"));
+    EXPECT_NE(std::string::npos, mail.find("/q/1.eml"));
+    EXPECT_EQ(std::string::npos, mail.find("not a header"));
+}
+
+}  // namespace
+}  // namespace qbrix::contentproc
