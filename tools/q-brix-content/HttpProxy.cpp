@@ -34,6 +34,8 @@ constexpr auto kHeadTime = 30s;
 constexpr auto kStepTime = 120s;
 constexpr std::uint32_t kHeaderLimit = 64 * 1024;
 constexpr std::size_t kPiece = 64 * 1024;
+// A body streamed through (over MaxSize, or not processed) moves in larger pieces.
+constexpr std::size_t kStreamPiece = 256 * 1024;
 
 struct Target {
     std::string host;  // as named in the request (for the address and the resolution)
@@ -135,6 +137,50 @@ net::awaitable<beast::error_code> StreamRest(beast::tcp_stream& from, beast::fla
                                              http::parser<isRequest, http::buffer_body>& parser,
                                              std::string& head, beast::tcp_stream& to) {
     auto& message = parser.get();
+    if (!parser.is_done() && !parser.chunked()) {
+        // A body of known length, or one that ends with the connection: relayed as raw bytes,
+        // the bytes the parser has not seen yet first.
+        boost::optional<std::uint64_t> left = parser.content_length_remaining();
+        std::string out = HeadText(message.base()) + head;
+        to.expires_after(kStepTime);
+        auto [hec, hn] = co_await net::async_write(to.socket(), net::buffer(out), kUse);
+        if (hec) {
+            co_return hec;
+        }
+        std::vector<char> piece(kStreamPiece);
+        for (;;) {
+            std::size_t want = left ? std::min<std::uint64_t>(*left, piece.size()) : piece.size();
+            if (want == 0) {
+                break;
+            }
+            std::size_t got = 0;
+            if (buffer.size() > 0) {
+                got = net::buffer_copy(net::buffer(piece.data(), want), buffer.data());
+                buffer.consume(got);
+            } else {
+                from.expires_after(kStepTime);
+                auto [rec, rn] = co_await from.socket().async_read_some(
+                    net::buffer(piece.data(), want), kUse);
+                if (rec == net::error::eof && !left) {
+                    break;
+                }
+                if (rec) {
+                    co_return rec;
+                }
+                got = rn;
+            }
+            to.expires_after(kStepTime);
+            auto [wec, wn] = co_await net::async_write(to.socket(), net::buffer(piece.data(), got),
+                                                       kUse);
+            if (wec) {
+                co_return wec;
+            }
+            if (left) {
+                *left -= got;
+            }
+        }
+        co_return beast::error_code{};
+    }
     http::serializer<isRequest, http::buffer_body> serializer{message};
     message.body().data = nullptr;
     message.body().size = 0;
@@ -144,11 +190,13 @@ net::awaitable<beast::error_code> StreamRest(beast::tcp_stream& from, beast::fla
     if (hec) {
         co_return hec;
     }
-    std::vector<char> piece(kPiece);
-    std::string pending = std::move(head);
+    // What was read already goes first; then each piece is written from where it was read.
+    std::vector<char> piece(kStreamPiece);
+    char* data = head.empty() ? nullptr : head.data();
+    std::size_t size = head.size();
     for (;;) {
-        message.body().data = pending.empty() ? nullptr : pending.data();
-        message.body().size = pending.size();
+        message.body().data = data;
+        message.body().size = size;
         message.body().more = !parser.is_done();
         to.expires_after(kStepTime);
         auto [wec, wn] = co_await http::async_write(to, serializer, kUse);
@@ -171,7 +219,8 @@ net::awaitable<beast::error_code> StreamRest(beast::tcp_stream& from, beast::fla
         if (rec) {
             co_return rec;
         }
-        pending.assign(piece.data(), piece.size() - message.body().size);
+        data = piece.data();
+        size = piece.size() - message.body().size;
     }
     co_return beast::error_code{};
 }
