@@ -118,6 +118,7 @@ TEST_F(ProviderInstallE2eTest, OnlyAnInstallWithTheLiveSwitchChoosesLiveMode) {
             << step.command << " " << (step.option ? step.option : "");
         std::vector<std::string> words = DriverServiceWords("/d/q-brix-driver", root);
         EXPECT_EQ(step.live, std::find(words.begin(), words.end(), "--live") != words.end());
+        EXPECT_EQ(step.live, std::find(words.begin(), words.end(), "--content") != words.end());
     }
     // The boot unit, written to a directory of the test's (never the system's).
     ASSERT_TRUE(
@@ -126,7 +127,7 @@ TEST_F(ProviderInstallE2eTest, OnlyAnInstallWithTheLiveSwitchChoosesLiveMode) {
     std::string text((std::istreambuf_iterator<char>(unit)), {});
     EXPECT_NE(std::string::npos,
               text.find("\nExecStart=/opt/q/q-brix-driver --root /var/lib/q-brix --foreground "
-                        "--live\n"))
+                        "--live --content\n"))
         << text;
     EXPECT_NE(std::string::npos, text.find("\nWantedBy=multi-user.target\n"));
     EXPECT_TRUE(RemoveDriverUnit(m_dir.File(""), false));

@@ -355,6 +355,8 @@ net::awaitable<bool> HttpSession::Connect(const Target& target, http::request_he
         m_upstream.expires_after(kStepTime);
         auto [ec] = co_await m_upstream.async_connect(endpoint, kUse);
         if (!ec) {
+            // Requests and answers are written whole: no waiting for acknowledgements.
+            m_upstream.socket().set_option(tcp::no_delay(true), ignored);
             m_upstreamKey = target.Key();
             co_return true;
         }
@@ -365,6 +367,12 @@ net::awaitable<bool> HttpSession::Connect(const Target& target, http::request_he
 }
 
 net::awaitable<void> HttpSession::Run() {
+    beast::error_code ignored;
+    m_client.socket().set_option(tcp::no_delay(true), ignored);
+    // Beast reads as much as the buffer has room for (at least 512 bytes): room for a whole
+    // piece makes a body arrive in a few reads instead of hundreds.
+    m_clientBuffer.reserve(kPiece);
+    m_upstreamBuffer.reserve(kPiece);
     tcp::endpoint destination;
     if (OriginalDestination(m_client.socket(), destination)) {
         m_redirectedTo = destination;
