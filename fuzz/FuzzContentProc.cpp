@@ -49,7 +49,7 @@ void Pop3(const std::uint8_t* data, std::size_t size) {
         if (sink.toServer != client.substr(0, sink.toServer.size())) {
             std::abort();
         }
-        if (!session.Tunnel() && sink.toClient != server.substr(0, sink.toClient.size())) {
+        if (sink.toClient != server.substr(0, sink.toClient.size())) {
             std::abort();
         }
     }

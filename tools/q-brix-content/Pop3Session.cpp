@@ -131,6 +131,9 @@ bool Pop3Session::ProcessStatus() {
         // From here on the conversation is encrypted: nothing more to read in it.
         m_sink.ToClient(line);
         m_tunnel = true;
+        // What the client sent after STLS (the start of its handshake) goes first.
+        m_sink.ToServer(m_clientLine);
+        m_clientLine.clear();
         return true;
     }
     m_lineStart = true;
