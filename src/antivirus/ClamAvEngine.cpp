@@ -15,9 +15,21 @@ ClamAvEngine::~ClamAvEngine() {
     }
 }
 
+namespace {
+
+// The library's own messages go to the diagnostic log, not to the program's error output.
+void ToDiagLog(enum cl_msg, const char* fullMessage, const char*, void*) {
+    core::DiagLog("\n ClamAV: %s", fullMessage);
+}
+
+}  // namespace
+
 bool ClamAvEngine::Load() {
     std::call_once(m_loadOnce, [this] {
-        static const cl_error_t initialised = cl_init(CL_INIT_DEFAULT);
+        static const cl_error_t initialised = [] {
+            cl_set_clcb_msg(ToDiagLog);
+            return cl_init(CL_INIT_DEFAULT);
+        }();
         if (initialised != CL_SUCCESS) {
             m_problem = std::string("cl_init: ") + cl_strerror(initialised);
             return;

@@ -29,8 +29,16 @@ ScanEngine* MakeEngine(EngineKind kind) {
             return new (std::nothrow) UnaEngine();
         case EngineKind::Nod32:
             return new (std::nothrow) Nod32Engine();
-        case EngineKind::ClamAv:
-            return new (std::nothrow) ClamAvEngine(content::g_lspSettings.repository);
+        case EngineKind::ClamAv: {
+            // The signature folder is stored beside the engine name.
+            content::LoadLspSettings(content::g_lspSettings, 0);
+            std::string repository;
+            {
+                std::lock_guard<std::recursive_mutex> lock(content::g_lspSettings.lock);
+                repository = content::g_lspSettings.repository;
+            }
+            return new (std::nothrow) ClamAvEngine(repository);
+        }
     }
     return nullptr;
 }
