@@ -180,8 +180,14 @@ void SettingsPage::Load() {
     std::string quarantine = QFile::encodeName(m_quarantine->text()).toStdString();
     m_quarantine->setText(FromStd(av.GetString(core::kQuarantineValue, quarantine.c_str())));
     // The first entry that begins with the stored name, not case-sensitive; else the first.
-    int index =
-        m_antivirus->findText(FromAnsi(av.GetString(core::kAvNameValue, "")), Qt::MatchStartsWith);
+    std::string stored = av.GetString(core::kAvNameValue, "");
+    int index = m_antivirus->findText(FromAnsi(stored), Qt::MatchStartsWith);
+    if (index < 0 && stored.find("ClamAV") != std::string::npos) {
+        // ClamAV, chosen with q-brixctl or the registry tool, is shown (and kept on Save) as an
+        // entry after the vendors' engines.
+        m_antivirus->addItem(FromAnsi(stored));
+        index = m_antivirus->count() - 1;
+    }
     m_antivirus->setCurrentIndex(index < 0 ? 0 : index);
     if (m_defaultZone.fill) {
         m_filling = true;

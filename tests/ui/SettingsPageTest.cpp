@@ -167,6 +167,13 @@ TEST_F(SettingsPageTest, SaveStoresTheFieldsInTheirOrder) {
     av.SetString("AVName", "sophos");
     page->SaveOrDiscard(false);
     EXPECT_EQ("Sophos", Find<QComboBox>(*page, "266")->currentText().toStdString());
+    // ClamAV, chosen outside the page, is shown after the four and kept by a save.
+    av.SetString("AVName", "ClamAV");
+    page->SaveOrDiscard(false);
+    EXPECT_EQ("ClamAV", Find<QComboBox>(*page, "266")->currentText().toStdString());
+    EXPECT_EQ(5, Find<QComboBox>(*page, "266")->count());
+    Find<QPushButton>(*page, "216")->click();
+    EXPECT_EQ("ClamAV", av.GetString("AVName", "x"));
 }
 
 TEST_F(SettingsPageTest, ChoosingADefaultZoneAppliesAtOnceAndMarksModified) {
