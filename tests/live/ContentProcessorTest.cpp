@@ -121,6 +121,8 @@ class WebServer {
             } else if (target == "/eicar") {
                 answer.set(http::field::content_type, "application/octet-stream");
                 answer.body() = m_eicar;
+            } else if (target == "/crash" || target == "/hang") {
+                answer.body() = "qbrix-stand-in:" + target.substr(1);
             } else if (target == "/echo") {
                 answer.body() = head.str();
             } else {
@@ -450,6 +452,25 @@ TEST_F(ContentProcessorTest, TheLiveDriverRunsItAndJudgesWebByTheServerAskedFor)
     EXPECT_FALSE(platform::live::RulesPresent());
     test::ProcessResult left = test::RunProcess({"iptables", "-t", "nat", "-S"});
     EXPECT_EQ(std::string::npos, left.out.find("QBRIX-CONTENT")) << left.out;
+}
+
+TEST_F(ContentProcessorTest, AnEngineThatHangsOrCrashesLetsContentPassAndIsStartedAgain) {
+    core::RegistryKey av("\\AV", core::kLspRootPath);
+    av.SetString("AVName", "NOD32");
+    av.SetString("Quarantine", m_files.File("quarantine"));
+    core::RegistryKey("", "Software\\Eset\\Nod\\CurrentVersion\\Info")
+        .SetString("InstallDir", std::string(QBRIX_STANDIN_DIR) + "/nod32/");
+    SetOption(content::kProtocolTable[content::kHttpRow].protocolKey, "MaxAvTimeout", 500);
+    StartProcessor();
+    tcp::socket socket = Connect(80);
+    EXPECT_EQ("qbrix-stand-in:hang", Get(socket, "/hang").body());
+    EXPECT_EQ("qbrix-stand-in:crash", Get(socket, "/crash").body());
+    EXPECT_EQ(403u, Get(socket, "/eicar").result_int());  // a new helper, the same engine
+    auto events = Events(3);
+    ASSERT_GE(events.size(), 3u);
+    EXPECT_STREQ("AV timeout, content passed", events[0].name);
+    EXPECT_STREQ("AV engine ended unexpectedly", events[1].name);
+    EXPECT_EQ(events::kWebFound, events[2].type);
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, ContentProcessorScanTest, ::testing::Values("ClamAV", "NOD32"));

@@ -1,18 +1,23 @@
 #include "ContentWork.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <thread>
 
 #include "content/RuleEngine.h"
+
+extern char** environ;
 
 namespace qbrix::contentproc {
 
@@ -68,17 +73,22 @@ events::ContentEvent ToRecord(const Event& event) {
     return record;
 }
 
-struct Scanner::State {
-    Factory factory;
-    std::mutex engineLock;  // one scan at a time through the engine
-    std::string name;
-    std::string repository;
-    std::unique_ptr<antivirus::ScanEngine> engine;
-};
+namespace {
 
-Scanner::Scanner(Factory factory) : m_state(std::make_shared<State>()) {
-    m_state->factory = std::move(factory);
+// Requests: engine name, signature folder and file path, each ended by a zero byte. Answers: the
+// verdict's state as one byte, then its text. One packet each.
+constexpr std::size_t kPacket = 8192;
+
+bool SendPacket(int socket, const std::string& packet) {
+    return ::send(socket, packet.data(), packet.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(packet.size());
 }
+
+}  // namespace
+
+Scanner::Scanner(std::vector<std::string> helper) : m_helper(std::move(helper)) {}
+
+Scanner::~Scanner() { Stop(); }
 
 bool Scanner::Selects(const std::string& name) {
     for (const char* word : {"Sophos", "Una", "NOD32", "ClamAV"}) {
@@ -89,53 +99,121 @@ bool Scanner::Selects(const std::string& name) {
     return false;
 }
 
+bool Scanner::Start() {
+    int pair[2];
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
+        return false;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pair[1], 3);
+    std::vector<char*> argv;
+    for (std::string& word : m_helper) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    int rc = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(pair[1]);
+    if (rc != 0) {
+        ::close(pair[0]);
+        return false;
+    }
+    m_pid = pid;
+    m_socket = pair[0];
+    return true;
+}
+
+void Scanner::Stop() {
+    if (m_socket >= 0) {
+        ::close(m_socket);
+        m_socket = -1;
+    }
+    if (m_pid > 0) {
+        ::kill(m_pid, SIGKILL);
+        ::waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+    }
+}
+
 ScanVerdict Scanner::ScanFile(const std::string& name, const std::string& repository,
                               const std::string& path, std::uint32_t timeoutMs) {
-    struct Job {
-        std::mutex lock;
-        std::condition_variable done;
-        bool finished = false;
-        ScanVerdict verdict;
-    };
-    auto job = std::make_shared<Job>();
-    std::shared_ptr<State> state = m_state;
-    // The scan runs on a thread of its own so that a hung engine costs the caller no more than
-    // the time limit; the thread owns everything it touches (the file is the caller's until the
-    // verdict is taken, so an abandoned scan reads a file that may be gone: the engine reports it).
-    std::thread([state, job, name, repository, path] {
-        ScanVerdict verdict;
-        {
-            std::lock_guard<std::mutex> engineLock(state->engineLock);
-            if (!state->engine || state->name != name || state->repository != repository) {
-                state->engine.reset();
-                state->engine = state->factory(name, repository);
-                state->name = name;
-                state->repository = repository;
-            }
-            if (!state->engine) {
-                verdict = {ScanVerdict::State::Failed, "AV not installed"};
-            } else {
-                std::string message;
-                std::int32_t infected = 0;
-                std::int32_t rc = state->engine->ScanFile(path.c_str(), message, infected);
-                if (infected != 0) {
-                    verdict = {ScanVerdict::State::Infected, message};
-                } else if (rc != 0) {
-                    verdict = {ScanVerdict::State::Failed, message};
-                }
-            }
-        }
-        std::lock_guard<std::mutex> lock(job->lock);
-        job->verdict = std::move(verdict);
-        job->finished = true;
-        job->done.notify_all();
-    }).detach();
-    std::unique_lock<std::mutex> lock(job->lock);
-    if (!job->done.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                            [&] { return job->finished; })) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    std::unique_lock<std::timed_mutex> lock(m_lock, deadline);
+    if (!lock.owns_lock()) {
         return {ScanVerdict::State::TimedOut, "AV timeout"};
     }
-    return job->verdict;
+    if (m_socket < 0 && !Start()) {
+        return {ScanVerdict::State::Failed, "cannot start the antivirus helper"};
+    }
+    std::string request = name + '\0' + repository + '\0' + path + '\0';
+    if (!SendPacket(m_socket, request)) {
+        Stop();
+        return {ScanVerdict::State::Failed, "AV engine ended unexpectedly"};
+    }
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    pollfd ready{m_socket, POLLIN, 0};
+    int polled = ::poll(&ready, 1, static_cast<int>(std::max<long long>(left.count(), 0)));
+    if (polled <= 0) {
+        // A hung engine: the helper goes, the next scan starts a new one.
+        Stop();
+        return {ScanVerdict::State::TimedOut, "AV timeout"};
+    }
+    char answer[kPacket];
+    ssize_t got = ::recv(m_socket, answer, sizeof(answer), 0);
+    if (got <= 0) {
+        Stop();
+        return {ScanVerdict::State::Failed, "AV engine ended unexpectedly"};
+    }
+    auto state = static_cast<ScanVerdict::State>(answer[0]);
+    if (state != ScanVerdict::State::Clean && state != ScanVerdict::State::Infected &&
+        state != ScanVerdict::State::Failed) {
+        Stop();
+        return {ScanVerdict::State::Failed, "AV engine ended unexpectedly"};
+    }
+    return {state, std::string(answer + 1, static_cast<std::size_t>(got - 1))};
+}
+
+int RunScanHelper(int socket, const EngineFactory& factory) {
+    std::unique_ptr<antivirus::ScanEngine> engine;
+    std::string engineName, engineRepository;
+    char request[kPacket];
+    for (;;) {
+        ssize_t got = ::recv(socket, request, sizeof(request) - 1, 0);
+        if (got <= 0) {
+            return 0;  // the processor closed its end
+        }
+        request[got] = '\0';
+        std::string name = request;
+        std::string repository = request + name.size() + 1;
+        std::string path = request + name.size() + repository.size() + 2;
+        if (!engine || name != engineName || repository != engineRepository) {
+            engine.reset();
+            engine = factory(name, repository);
+            engineName = name;
+            engineRepository = repository;
+        }
+        ScanVerdict verdict;
+        if (!engine) {
+            verdict = {ScanVerdict::State::Failed, "AV not installed"};
+        } else {
+            std::string message;
+            std::int32_t infected = 0;
+            std::int32_t rc = engine->ScanFile(path.c_str(), message, infected);
+            if (infected != 0) {
+                verdict = {ScanVerdict::State::Infected, message};
+            } else if (rc != 0) {
+                verdict = {ScanVerdict::State::Failed, message};
+            }
+        }
+        std::string answer(1, static_cast<char>(verdict.state));
+        answer += verdict.text.substr(0, kPacket - 1);
+        if (!SendPacket(socket, answer)) {
+            return 0;
+        }
+    }
 }
 
 std::string QuarantineFolderOf(const ContentPolicy& policy, const std::string& dataRoot) {

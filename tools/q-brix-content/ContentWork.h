@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <sys/types.h>
 #include <string>
 #include <vector>
 
@@ -35,24 +36,39 @@ struct ScanVerdict {
     std::string text;  // the engine's name of what it found, or the failure text
 };
 
-// The selected antivirus engine, created by name as the control program's selection does
-// ("Sophos", "Una", "NOD32", "ClamAV" in the name) and kept while the name stays. Scans are made
-// one at a time, each under the policy's time limit: a scan that takes longer is abandoned (its
-// thread finishes on its own) and the content passes.
+// The selected antivirus engine, run in a helper process of its own (this program started with
+// --scan-helper): an engine library that crashes or hangs ends only the helper, which is started
+// again for the next scan. The helper creates the engine by name as the control program's
+// selection does ("Sophos", "Una", "NOD32", "ClamAV" in the name) and keeps it while the name and
+// the signature folder stay. Scans go one at a time; a scan (waiting for its turn included) that
+// takes longer than its limit ends the helper, and the content passes.
 class Scanner {
   public:
-    using Factory = std::function<std::unique_ptr<antivirus::ScanEngine>(
-        const std::string& name, const std::string& repository)>;
-    explicit Scanner(Factory factory);
+    // `helper`: the program and arguments that start the helper; the socket to it is given to
+    // the helper as descriptor 3.
+    explicit Scanner(std::vector<std::string> helper);
+    ~Scanner();
+    Scanner(const Scanner&) = delete;
+    Scanner& operator=(const Scanner&) = delete;
     // Whether a name selects an engine at all ("Disabled" and "" do not).
     static bool Selects(const std::string& name);
     ScanVerdict ScanFile(const std::string& name, const std::string& repository,
                          const std::string& path, std::uint32_t timeoutMs);
 
   private:
-    struct State;
-    std::shared_ptr<State> m_state;
+    bool Start();
+    void Stop();
+
+    std::vector<std::string> m_helper;
+    std::timed_mutex m_lock;
+    int m_pid = -1;
+    int m_socket = -1;
 };
+
+using EngineFactory = std::function<std::unique_ptr<antivirus::ScanEngine>(
+    const std::string& name, const std::string& repository)>;
+// The helper's side: answers scan requests on `socket` until it closes. Returns the exit status.
+int RunScanHelper(int socket, const EngineFactory& factory);
 
 struct WorkRequest {
     std::size_t protocol = content::kHttpRow;

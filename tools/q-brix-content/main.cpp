@@ -79,6 +79,13 @@ net::awaitable<void> Listen(Server& server, tcp::acceptor acceptor, Serve serve)
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 2 && std::string_view(argv[1]) == "--scan-helper") {
+        // The antivirus helper (see Scanner): the engines run here, on descriptor 3.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        qbrix::platform::ScopedPlatform scope(
+            qbrix::platform::MakePosixPlatform(qbrix::platform::DetectSystemInfo()));
+        return RunScanHelper(3, qbrix::antivirus::CreateEngineByName);
+    }
     std::string root;
     unsigned httpPort = 8810;
     unsigned pop3Port = 8811;
@@ -132,7 +139,7 @@ int main(int argc, char** argv) {
     net::thread_pool pool(workers);
     PolicyWatcher policies(qbrix::platform::RegistryDatabasePath(dataRoot));
     policies.Current();
-    Scanner scanner(qbrix::antivirus::CreateEngineByName);
+    Scanner scanner({"/proc/self/exe", "--scan-helper"});
     ContentWorker worker(scanner, dataRoot);
     EventSender events;
     ProxyContext context{io, pool, policies, worker, events, 0, {}};

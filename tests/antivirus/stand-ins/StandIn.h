@@ -3,7 +3,7 @@
 // that a test writes into a scanned file, and a call log for the tests to read.
 //
 // Markers (anywhere in the scanned file): "qbrix-stand-in:hang" sleeps past the scan time
-// limit; "qbrix-stand-in:scan-error" fails the engine's scan call; "qbrix-stand-in:other-threat"
+// limit; "qbrix-stand-in:crash" aborts the process; "qbrix-stand-in:scan-error" fails the engine's scan call; "qbrix-stand-in:other-threat"
 // reports a threat that is not the test signature; "qbrix-stand-in:long-name" writes a threat
 // name that fills its field without a terminator; "qbrix-stand-in:clean-last" ends the Sophos
 // result list with a clean item; "qbrix-stand-in:reload-once" / "qbrix-stand-in:reload-always"
