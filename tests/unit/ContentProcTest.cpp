@@ -72,17 +72,19 @@ TEST(Pop3Session, ARewrittenMessageIsStuffedAgainAndEndsRight) {
 }
 
 TEST(Pop3Session, AMessageOverTheLimitStreamsUnchanged) {
-    Recorder sink;
-    Pop3Session session(sink, 10);
-    sink.session = &session;
-    std::string answer = "+OK\r\n" + std::string(50, 'a') + "\r\n..b\r\n.\r\n+OK bye\r\n";
-    session.FromClient("RETR 1\r\nQUIT\r\n");
-    session.FromServer("+OK hi\r\n");
-    for (char c : answer) {
-        session.FromServer(std::string(1, c));
+    std::string answer = "+OK\r\n" + std::string(50, 'a') + "\r\n..b\r\nc\r\n.\r\n+OK bye\r\n";
+    for (std::size_t piece : {std::size_t{1}, answer.size()}) {
+        Recorder sink;
+        Pop3Session session(sink, 10);
+        sink.session = &session;
+        session.FromClient("RETR 1\r\nQUIT\r\n");
+        session.FromServer("+OK hi\r\n");
+        for (std::size_t at = 0; at < answer.size(); at += piece) {
+            session.FromServer(answer.substr(at, piece));
+        }
+        EXPECT_TRUE(sink.messages.empty()) << piece;
+        EXPECT_EQ("+OK hi\r\n" + answer, sink.toClient) << piece;
     }
-    EXPECT_TRUE(sink.messages.empty());
-    EXPECT_EQ("+OK hi\r\n" + answer, sink.toClient);
 }
 
 TEST(Pop3Session, AuthExchangesAndStartTlsAreNotTakenForCommands) {

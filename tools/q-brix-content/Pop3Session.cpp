@@ -186,6 +186,7 @@ bool Pop3Session::ProcessLines(bool collect) {
         m_server.erase(0, take);
         if (collect && m_text.size() > m_maxMessage) {
             GiveUpMessage();
+            return true;  // the rest of the answer streams (Lines)
         }
     }
     return false;
