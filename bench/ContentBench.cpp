@@ -76,8 +76,9 @@ class Origin {
                 if (ec) {
                     return;
                 }
-                std::thread([this, socket = std::move(socket)]() mutable { Serve(socket); })
-                    .detach();
+                std::thread([this, socket = std::move(socket)]() mutable {
+                    Serve(socket);
+                }).detach();
             }
         });
     }
@@ -175,14 +176,15 @@ std::string Expected(const std::vector<Rule>& rules) {
 // Privoxy's configuration with the same rules as a filter (case-insensitive, every match).
 std::string WritePrivoxy(const std::string& dir, const std::vector<Rule>& rules) {
     std::filesystem::create_directories(dir);
-    std::ofstream(dir + "/bench.filter") << "FILTER: bench the benchmark's rules\n" <<
-        [&] {
-            std::string lines;
-            for (const Rule& rule : rules) {
-                lines += "s/" + rule.find + "/" + rule.replace + "/ig\n";
-            }
-            return lines;
-        }();
+    std::ofstream(dir + "/bench.filter")
+        << "FILTER: bench the benchmark's rules\n"
+        << [&] {
+               std::string lines;
+               for (const Rule& rule : rules) {
+                   lines += "s/" + rule.find + "/" + rule.replace + "/ig\n";
+               }
+               return lines;
+           }();
     std::ofstream(dir + "/bench.action") << "{+filter{bench}}\n/\n";
     std::ofstream(dir + "/config")
         << "confdir " << dir << "\nactionsfile bench.action\nfilterfile bench.filter\n"
@@ -233,7 +235,8 @@ Figures MeasurePages(const Target& target, const std::string& expected, double s
         for (int i = 0; i < 300; ++i) {
             auto start = Clock::now();
             auto response = Fetch(socket, buffer, target, "/page");
-            samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+            samples.push_back(
+                std::chrono::duration<double, std::micro>(Clock::now() - start).count());
             figures.correct = figures.correct && response.body() == expected;
         }
         std::sort(samples.begin(), samples.end());
@@ -259,8 +262,7 @@ Figures MeasurePages(const Target& target, const std::string& expected, double s
     for (std::thread& client : clients) {
         client.join();
     }
-    figures.pagesPerSecond =
-        pages / std::chrono::duration<double>(Clock::now() - start).count();
+    figures.pagesPerSecond = pages / std::chrono::duration<double>(Clock::now() - start).count();
     return figures;
 }
 
@@ -268,7 +270,8 @@ double MeasureDownload(const Target& target) {
     net::io_context io;
     tcp::socket socket = Open(io, target);
     beast::flat_buffer buffer;
-    std::string url = target.proxyPort ? std::string("http://") + kOrigin + "/download" : "/download";
+    std::string url =
+        target.proxyPort ? std::string("http://") + kOrigin + "/download" : "/download";
     http::request<http::empty_body> request{http::verb::get, url, 11};
     request.set(http::field::host, kOrigin);
     auto start = Clock::now();
@@ -320,13 +323,12 @@ int main(int argc, char** argv) {
         std::vector<Rule> rules = Rules(count);
         StoreRules(rules);
         std::string expected = Expected(rules);
-        test::BackgroundProcess content(
-            {QBRIX_CONTENT, "--root", platform.DataRoot(), "--http-port",
-             std::to_string(kProcessorPort), "--pop3-port", "0", "--listen", "127.0.0.1"});
+        test::BackgroundProcess content({QBRIX_CONTENT, "--root", platform.DataRoot(),
+                                         "--http-port", std::to_string(kProcessorPort),
+                                         "--pop3-port", "0", "--listen", "127.0.0.1"});
         content.ReadLine(10000);
-        test::BackgroundProcess proxy(
-            {"/usr/sbin/privoxy", "--no-daemon",
-             WritePrivoxy(platform.DataRoot() + "/privoxy", rules)});
+        test::BackgroundProcess proxy({"/usr/sbin/privoxy", "--no-daemon",
+                                       WritePrivoxy(platform.DataRoot() + "/privoxy", rules)});
         test::WaitFor([&] {
             net::io_context io;
             tcp::socket socket(io);
@@ -335,7 +337,8 @@ int main(int argc, char** argv) {
             return !ec;
         });
         Figures base = MeasurePages(direct, Page(), seconds);
-        std::printf("%d rule%s, %s page\n", count, count == 1 ? "" : "s", dense ? "dense" : "sparse");
+        std::printf("%d rule%s, %s page\n", count, count == 1 ? "" : "s",
+                    dense ? "dense" : "sparse");
         std::printf("  %-20s %10.0f %12.1f %12s %8s\n", direct.name, base.pagesPerSecond,
                     base.latencyUs, "", "");
         for (const Target& target : {processor, privoxy}) {

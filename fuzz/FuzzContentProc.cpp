@@ -81,9 +81,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     switch (data[0] % 3) {
-        case 0: Pop3(data + 1, size - 1); break;
-        case 1: Http<true>(data + 1, size - 1); break;
-        default: Http<false>(data + 1, size - 1); break;
+        case 0:
+            Pop3(data + 1, size - 1);
+            break;
+        case 1:
+            Http<true>(data + 1, size - 1);
+            break;
+        default:
+            Http<false>(data + 1, size - 1);
+            break;
     }
     return 0;
 }

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <boost/asio/connect.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read_until.hpp>
@@ -13,7 +14,6 @@
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -25,12 +25,12 @@
 #include "content/LspSettings.h"
 #include "content/RuleEngine.h"
 #include "core/RegistryKey.h"
+#include "core/RegistryPaths.h"
 #include "driver/DriverControl.h"
 #include "driver/DriverErrors.h"
 #include "driver/DriverRecords.h"
-#include "platform/Device.h"
-#include "core/RegistryPaths.h"
 #include "events/ContentEvent.h"
+#include "platform/Device.h"
 #include "platform/Kernel.h"
 #include "platform/Mailslot.h"
 #include "platform/posix/live/FirewallRules.h"
@@ -203,8 +203,8 @@ content::RegRule Unit(const std::string& find, const std::string& replace) {
 std::unique_ptr<content::ContentRule> Rule(const std::string& name, int direction,
                                            const std::string& find, const std::string& replace) {
     return std::make_unique<content::ContentRule>(1, direction, name, Unit(find, replace), 1,
-                                                  content::RegRule{}, std::vector<content::RegRule>{},
-                                                  1, 0, "");
+                                                  content::RegRule{},
+                                                  std::vector<content::RegRule>{}, 1, 0, "");
 }
 
 class ContentProcessorTest : public ::testing::Test {
@@ -218,8 +218,8 @@ class ContentProcessorTest : public ::testing::Test {
         m_eicar.assign(std::istreambuf_iterator<char>(in), {});
         ASSERT_EQ(68u, m_eicar.size());
         SetRules(content::kHttpRow, "banner", "BANNER");
-        m_events = platform::CreateMailslot(events::kContentMailslotName,
-                                            sizeof(events::ContentEvent), 0);
+        m_events =
+            platform::CreateMailslot(events::kContentMailslotName, sizeof(events::ContentEvent), 0);
         ASSERT_NE(platform::INVALID_HANDLE_VALUE, m_events);
         m_web = std::make_unique<WebServer>(m_eicar);
     }
@@ -430,9 +430,8 @@ TEST_F(ContentProcessorTest, TheLiveDriverRunsItAndJudgesWebByTheServerAskedFor)
     // This program may reach port 80 of the servers only: a connection judged by the
     // processor's address (after the redirection) would be refused.
     driver::AppRecord record{};
-    driver::SetFieldText(record.imageName, std::filesystem::read_symlink("/proc/self/exe")
-                                               .filename()
-                                               .string());
+    driver::SetFieldText(record.imageName,
+                         std::filesystem::read_symlink("/proc/self/exe").filename().string());
     driver::SetFieldText(record.path, std::filesystem::read_symlink("/proc/self/exe").string());
     record.zone = WebOnly(1);
     ASSERT_EQ(0, driver::SetAppRecord(driver::g_hDriver, record));

@@ -65,11 +65,20 @@ std::string HtmlEscape(const std::string& text) {
     std::string escaped;
     for (char c : text) {
         switch (c) {
-            case '<': escaped += "&lt;"; break;
-            case '>': escaped += "&gt;"; break;
-            case '&': escaped += "&amp;"; break;
-            case '"': escaped += "&quot;"; break;
-            default: escaped += c;
+            case '<':
+                escaped += "&lt;";
+                break;
+            case '>':
+                escaped += "&gt;";
+                break;
+            case '&':
+                escaped += "&amp;";
+                break;
+            case '"':
+                escaped += "&quot;";
+                break;
+            default:
+                escaped += c;
         }
     }
     return escaped;
@@ -118,7 +127,8 @@ std::string BlockedPage(const std::string& address, const std::string& virus,
         "<h1>q-Brix blocked this content</h1>\n<p>The antivirus found <b>" +
         HtmlEscape(virus) + "</b> in <code>" + HtmlEscape(address) + "</code>.</p>\n";
     if (!quarantine.empty()) {
-        page += "<p>A copy is kept in quarantine: <code>" + HtmlEscape(quarantine) + "</code></p>\n";
+        page +=
+            "<p>A copy is kept in quarantine: <code>" + HtmlEscape(quarantine) + "</code></p>\n";
     }
     return page + "</body></html>\n";
 }

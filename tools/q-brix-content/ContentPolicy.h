@@ -4,10 +4,10 @@
 // with one consistent policy per message.
 #pragma once
 
+#include <sys/types.h>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 #include "content/LspSettings.h"

@@ -5,8 +5,8 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -88,7 +88,9 @@ bool SendPacket(int socket, const std::string& packet) {
 
 Scanner::Scanner(std::vector<std::string> helper) : m_helper(std::move(helper)) {}
 
-Scanner::~Scanner() { Stop(); }
+Scanner::~Scanner() {
+    Stop();
+}
 
 bool Scanner::Selects(const std::string& name) {
     for (const char* word : {"Sophos", "Una", "NOD32", "ClamAV"}) {
@@ -266,8 +268,8 @@ WorkResult ContentWorker::Process(
         }
         std::string scratch = m_dataRoot + "/run/content-scan";
         ::mkdir(scratch.c_str(), 0700);
-        std::string path = scratch + "/" + std::to_string(::getpid()) + "-" +
-                           std::to_string(sequence) + ".scan";
+        std::string path =
+            scratch + "/" + std::to_string(::getpid()) + "-" + std::to_string(sequence) + ".scan";
         ScanVerdict verdict{ScanVerdict::State::Failed, "cannot write the scan file"};
         if (WriteWhole(path, text)) {
             verdict = m_scanner.ScanFile(policy.engineName, policy.repository, path,
@@ -300,10 +302,17 @@ WorkResult ContentWorker::Process(
         if (protocol.logScans) {
             std::string what = verdict.text;
             switch (verdict.state) {
-                case ScanVerdict::State::Clean: what = "Scanned"; break;
-                case ScanVerdict::State::Infected: what += " (not blocked)"; break;
-                case ScanVerdict::State::TimedOut: what = "AV timeout, content passed"; break;
-                case ScanVerdict::State::Failed: break;
+                case ScanVerdict::State::Clean:
+                    what = "Scanned";
+                    break;
+                case ScanVerdict::State::Infected:
+                    what += " (not blocked)";
+                    break;
+                case ScanVerdict::State::TimedOut:
+                    what = "AV timeout, content passed";
+                    break;
+                case ScanVerdict::State::Failed:
+                    break;
             }
             result.events.push_back({quiet, request.address, what, ""});
         }

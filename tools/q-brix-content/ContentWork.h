@@ -3,11 +3,11 @@
 // worker thread; touches no socket.
 #pragma once
 
+#include <sys/types.h>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <sys/types.h>
 #include <string>
 #include <vector>
 
@@ -97,9 +97,9 @@ class ContentWorker {
     ContentWorker(Scanner& scanner, std::string dataRoot);
     // Scans (incoming content, when the protocol asks for it) and runs the side's rules over
     // `text`. A blocked text is replaced by `notice(virusName, quarantinePath)`.
-    WorkResult Process(const ContentPolicy& policy, const WorkRequest& request, std::string& text,
-                       const std::function<std::string(const std::string&, const std::string&)>&
-                           notice);
+    WorkResult Process(
+        const ContentPolicy& policy, const WorkRequest& request, std::string& text,
+        const std::function<std::string(const std::string&, const std::string&)>& notice);
 
   private:
     Scanner& m_scanner;

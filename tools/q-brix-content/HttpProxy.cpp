@@ -1,5 +1,6 @@
 #include "HttpProxy.h"
 
+#include <sys/socket.h>
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/experimental/awaitable_operators.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -7,7 +8,6 @@
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <sys/socket.h>
 
 #include <cerrno>
 #include <chrono>
@@ -51,8 +51,8 @@ struct Target {
 void SplitAuthority(std::string_view authority, std::string& host, std::string& port) {
     if (!authority.empty() && authority.front() == '[') {
         std::size_t close = authority.find(']');
-        host = std::string(authority.substr(1, close == std::string_view::npos ? authority.npos
-                                                                               : close - 1));
+        host = std::string(
+            authority.substr(1, close == std::string_view::npos ? authority.npos : close - 1));
         if (close != std::string_view::npos && close + 1 < authority.size() &&
             authority[close + 1] == ':') {
             port = std::string(authority.substr(close + 2));
@@ -159,8 +159,8 @@ net::awaitable<beast::error_code> StreamRest(beast::tcp_stream& from, beast::fla
                 buffer.consume(got);
             } else {
                 from.expires_after(kStepTime);
-                auto [rec, rn] = co_await from.socket().async_read_some(
-                    net::buffer(piece.data(), want), kUse);
+                auto [rec, rn] =
+                    co_await from.socket().async_read_some(net::buffer(piece.data(), want), kUse);
                 if (rec == net::error::eof && !left) {
                     break;
                 }
@@ -170,8 +170,8 @@ net::awaitable<beast::error_code> StreamRest(beast::tcp_stream& from, beast::fla
                 got = rn;
             }
             to.expires_after(kStepTime);
-            auto [wec, wn] = co_await net::async_write(to.socket(), net::buffer(piece.data(), got),
-                                                       kUse);
+            auto [wec, wn] =
+                co_await net::async_write(to.socket(), net::buffer(piece.data(), got), kUse);
             if (wec) {
                 co_return wec;
             }
@@ -265,6 +265,7 @@ class HttpSession {
                                      const std::string& address);
     net::awaitable<bool> RelayResponse(http::request<http::buffer_body>& request,
                                        const std::string& address, bool& keepClient);
+    // `why` must be a named string: see Work.
     net::awaitable<void> Refuse(http::status status, unsigned version, const std::string& why);
     net::awaitable<WorkResult> Work(Side side, std::string address, std::string& text,
                                     std::string suggestedName);
@@ -295,7 +296,8 @@ net::awaitable<WorkResult> HttpSession::Work(Side side, std::string address, std
     std::string owned = std::move(text);
     // Named, not a temporary of the co_await expression: this compiler destroys such
     // temporaries twice.
-    auto job = [policy, &context, side, address, owned = std::move(owned), suggestedName]() mutable {
+    auto job = [policy, &context, side, address, owned = std::move(owned),
+                suggestedName]() mutable {
         WorkRequest request{content::kHttpRow, side, address, suggestedName};
         WorkResult result = context.worker.Process(
             *policy, request, owned, [&](const std::string& virus, const std::string& kept) {
@@ -313,8 +315,8 @@ net::awaitable<bool> HttpSession::Connect(const Target& target, http::request_he
     if (!m_upstreamKey.empty() && m_upstreamKey == target.Key() && m_upstream.socket().is_open()) {
         // A kept connection the server has closed meanwhile reads as ended: connect anew.
         char probe;
-        ssize_t peeked = ::recv(m_upstream.socket().native_handle(), &probe, 1,
-                                MSG_PEEK | MSG_DONTWAIT);
+        ssize_t peeked =
+            ::recv(m_upstream.socket().native_handle(), &probe, 1, MSG_PEEK | MSG_DONTWAIT);
         if (peeked != 0 && !(peeked < 0 && errno != EAGAIN && errno != EWOULDBLOCK)) {
             co_return true;
         }
@@ -330,8 +332,8 @@ net::awaitable<bool> HttpSession::Connect(const Target& target, http::request_he
         tcp::resolver resolver(m_context.io);
         auto [ec, results] = co_await resolver.async_resolve(target.host, target.port, kUse);
         if (ec) {
-            co_await Refuse(http::status::bad_gateway, request.version(),
-                            "cannot find the server " + target.host);
+            const std::string why = "cannot find the server " + target.host;
+            co_await Refuse(http::status::bad_gateway, request.version(), why);
             co_return false;
         }
         for (const auto& entry : results) {
@@ -341,9 +343,10 @@ net::awaitable<bool> HttpSession::Connect(const Target& target, http::request_he
     for (const tcp::endpoint& endpoint : endpoints) {
         for (const tcp::endpoint& own : m_context.ownEndpoints) {
             bool anyAddress = own.address().is_unspecified() || endpoint.address().is_loopback();
-            if (endpoint.port() == own.port() && (anyAddress || endpoint.address() == own.address())) {
-                co_await Refuse(http::status::loop_detected, request.version(),
-                                "the request would come back to the processor");
+            if (endpoint.port() == own.port() &&
+                (anyAddress || endpoint.address() == own.address())) {
+                const std::string why = "the request would come back to the processor";
+                co_await Refuse(http::status::loop_detected, request.version(), why);
                 co_return false;
             }
         }
@@ -361,8 +364,9 @@ net::awaitable<bool> HttpSession::Connect(const Target& target, http::request_he
             co_return true;
         }
     }
-    co_await Refuse(http::status::bad_gateway, request.version(),
-                    "cannot connect to " + (target.host.empty() ? target.Key() : target.host));
+    const std::string why =
+        "cannot connect to " + (target.host.empty() ? target.Key() : target.host);
+    co_await Refuse(http::status::bad_gateway, request.version(), why);
     co_return false;
 }
 
@@ -388,12 +392,12 @@ net::awaitable<void> HttpSession::Run() {
             co_return;
         }
         if (ec == http::error::header_limit) {
-            co_return co_await Refuse(http::status::request_header_fields_too_large, 11,
-                                      "the request head is too large");
+            const std::string why = "the request head is too large";
+            co_return co_await Refuse(http::status::request_header_fields_too_large, 11, why);
         }
         if (ec) {
-            co_return co_await Refuse(http::status::bad_request, 11,
-                                      "malformed request (" + ec.message() + ")");
+            const std::string why = "malformed request (" + ec.message() + ")";
+            co_return co_await Refuse(http::status::bad_request, 11, why);
         }
         m_policy = m_context.policies.Current();
         auto& request = parser.get();
@@ -405,7 +409,8 @@ net::awaitable<void> HttpSession::Run() {
         std::string path(requestTarget);
         if (request.method() == http::verb::connect) {
             SplitAuthority(requestTarget, target.host, target.port);
-        } else if (requestTarget.rfind("http://", 0) == 0 || requestTarget.rfind("HTTP://", 0) == 0) {
+        } else if (requestTarget.rfind("http://", 0) == 0 ||
+                   requestTarget.rfind("HTTP://", 0) == 0) {
             std::string_view rest = requestTarget.substr(7);
             std::size_t slash = rest.find('/');
             SplitAuthority(rest.substr(0, slash), target.host, target.port);
@@ -425,11 +430,11 @@ net::awaitable<void> HttpSession::Run() {
             target.endpoint = m_redirectedTo;
         }
         if (target.host.empty() && !target.endpoint) {
-            co_return co_await Refuse(http::status::bad_request, request.version(),
-                                      "the request names no server");
+            const std::string why = "the request names no server";
+            co_return co_await Refuse(http::status::bad_request, request.version(), why);
         }
-        std::string hostText = target.host.empty() ? target.endpoint->address().to_string()
-                                                   : target.host;
+        std::string hostText =
+            target.host.empty() ? target.endpoint->address().to_string() : target.host;
         std::string address = "http://" + hostText +
                               (target.port != "80" && !target.endpoint ? ":" + target.port : "") +
                               path;
@@ -482,8 +487,8 @@ net::awaitable<bool> HttpSession::SendRequest(http::request_parser<http::buffer_
     bool process = policy.rules && !policy.outgoing.empty();
     std::string body;
     if (process && hasBody) {
-        beast::error_code ec = co_await ReadBody(m_client, m_clientBuffer, parser, body,
-                                                 policy.maxSize);
+        beast::error_code ec =
+            co_await ReadBody(m_client, m_clientBuffer, parser, body, policy.maxSize);
         if (ec) {
             co_return false;
         }
@@ -491,8 +496,8 @@ net::awaitable<bool> HttpSession::SendRequest(http::request_parser<http::buffer_
     }
     if (!process) {
         // Head as it came and the body streamed.
-        beast::error_code ec = co_await StreamRest(m_client, m_clientBuffer, parser, body,
-                                                   m_upstream);
+        beast::error_code ec =
+            co_await StreamRest(m_client, m_clientBuffer, parser, body, m_upstream);
         co_return !ec;
     }
     std::string text = HeadText(request.base()) + body;
@@ -524,8 +529,8 @@ net::awaitable<bool> HttpSession::RelayResponse(http::request<http::buffer_body>
         m_upstream.expires_after(kStepTime);
         auto [ec, n] = co_await http::async_read_header(m_upstream, m_upstreamBuffer, parser, kUse);
         if (ec) {
-            co_await Refuse(http::status::bad_gateway, request.version(),
-                            "the server's answer is not valid HTTP (" + ec.message() + ")");
+            const std::string why = "the server's answer is not valid HTTP (" + ec.message() + ")";
+            co_await Refuse(http::status::bad_gateway, request.version(), why);
             co_return false;
         }
         auto& response = parser.get();
@@ -560,11 +565,11 @@ net::awaitable<bool> HttpSession::RelayResponse(http::request<http::buffer_body>
                                                   response[http::field::content_encoding].size()));
         bool process = hasBody && policy.WantsContent(Side::Incoming) && coding != Coding::Unknown;
         if (process) {
-            beast::error_code rec = co_await ReadBody(m_upstream, m_upstreamBuffer, parser, body,
-                                                      policy.maxSize);
+            beast::error_code rec =
+                co_await ReadBody(m_upstream, m_upstreamBuffer, parser, body, policy.maxSize);
             if (rec && rec != http::error::partial_message) {
-                co_await Refuse(http::status::bad_gateway, request.version(),
-                                "the server's answer broke off (" + rec.message() + ")");
+                const std::string why = "the server's answer broke off (" + rec.message() + ")";
+                co_await Refuse(http::status::bad_gateway, request.version(), why);
                 co_return false;
             }
             process = parser.is_done();

@@ -10,7 +10,6 @@
 
 namespace qbrix::contentproc {
 
-boost::asio::awaitable<void> ServeHttp(ProxyContext& context,
-                                       boost::asio::ip::tcp::socket client);
+boost::asio::awaitable<void> ServeHttp(ProxyContext& context, boost::asio::ip::tcp::socket client);
 
 }  // namespace qbrix::contentproc

@@ -9,7 +9,6 @@
 
 namespace qbrix::contentproc {
 
-boost::asio::awaitable<void> ServePop3(ProxyContext& context,
-                                       boost::asio::ip::tcp::socket client);
+boost::asio::awaitable<void> ServePop3(ProxyContext& context, boost::asio::ip::tcp::socket client);
 
 }  // namespace qbrix::contentproc

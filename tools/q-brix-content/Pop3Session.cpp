@@ -93,10 +93,17 @@ void Pop3Session::Process() {
             return;
         }
         switch (m_state) {
-            case State::Status: more = ProcessStatus(); break;
-            case State::Lines: more = ProcessLines(false); break;
-            case State::Message: more = ProcessLines(true); break;
-            case State::Held: return;
+            case State::Status:
+                more = ProcessStatus();
+                break;
+            case State::Lines:
+                more = ProcessLines(false);
+                break;
+            case State::Message:
+                more = ProcessLines(true);
+                break;
+            case State::Held:
+                return;
         }
     }
 }
@@ -159,7 +166,9 @@ bool Pop3Session::ProcessLines(bool collect) {
             if (m_server.size() < 2 || (m_server[1] == '\r' && m_server.size() < 3)) {
                 return false;
             }
-            std::size_t length = m_server[1] == '\n' ? 2 : m_server[1] == '\r' && m_server[2] == '\n' ? 3 : 0;
+            std::size_t length = m_server[1] == '\n'                          ? 2
+                                 : m_server[1] == '\r' && m_server[2] == '\n' ? 3
+                                                                              : 0;
             if (length != 0) {
                 std::string terminator = m_server.substr(0, length);
                 m_server.erase(0, length);

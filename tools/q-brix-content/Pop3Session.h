@@ -66,10 +66,10 @@ class Pop3Session {
     std::deque<Command> m_commands;
     State m_state = State::Status;
     bool m_lineStart = true;
-    std::string m_status;   // the +OK line of the message being collected
-    std::string m_raw;      // the message's bytes as the server sent them
-    std::string m_text;     // un-stuffed
-    std::string m_original; // m_text as handed over
+    std::string m_status;    // the +OK line of the message being collected
+    std::string m_raw;       // the message's bytes as the server sent them
+    std::string m_text;      // un-stuffed
+    std::string m_original;  // m_text as handed over
     std::string m_command;
 };
 

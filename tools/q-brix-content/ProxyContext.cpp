@@ -31,7 +31,8 @@ void EventSender::Send(const std::vector<Event>& events) {
         // A writer whose reader went away fails; one new open finds a reader that came back.
         for (int attempt = 0; attempt < 2; ++attempt) {
             if (m_writer == nullptr) {
-                platform::HANDLE writer = platform::OpenMailslotWriter(events::kContentMailslotName);
+                platform::HANDLE writer =
+                    platform::OpenMailslotWriter(events::kContentMailslotName);
                 if (writer == platform::INVALID_HANDLE_VALUE) {
                     return;  // no control program: the events are lost, as the provider's are
                 }

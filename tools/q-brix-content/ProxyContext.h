@@ -2,12 +2,12 @@
 // scans, the policy and the event channel.
 #pragma once
 
-#include <boost/asio/awaitable.hpp>
-#include <boost/asio/async_result.hpp>
 #include <boost/asio/associated_executor.hpp>
-#include <boost/asio/post.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/awaitable.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <cstdint>
@@ -55,15 +55,15 @@ auto OnWorkers(ProxyContext& context, Work work) {
     using Result = decltype(work());
     return boost::asio::async_initiate<const boost::asio::use_awaitable_t<>, void(Result)>(
         [&context](auto handler, Work work) {
-            boost::asio::post(context.workers, [handler = std::move(handler),
-                                                work = std::move(work)]() mutable {
-                Result result = work();
-                auto executor = boost::asio::get_associated_executor(handler);
-                boost::asio::post(executor, [handler = std::move(handler),
-                                             result = std::move(result)]() mutable {
-                    std::move(handler)(std::move(result));
+            boost::asio::post(
+                context.workers, [handler = std::move(handler), work = std::move(work)]() mutable {
+                    Result result = work();
+                    auto executor = boost::asio::get_associated_executor(handler);
+                    boost::asio::post(executor, [handler = std::move(handler),
+                                                 result = std::move(result)]() mutable {
+                        std::move(handler)(std::move(result));
+                    });
                 });
-            });
         },
         boost::asio::use_awaitable, std::move(work));
 }

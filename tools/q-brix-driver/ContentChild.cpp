@@ -27,7 +27,9 @@ constexpr int kMaxRestarts = 10;
 ContentChild::ContentChild(std::string program, std::vector<std::string> arguments)
     : m_program(std::move(program)), m_arguments(std::move(arguments)) {}
 
-ContentChild::~ContentChild() { Stop(); }
+ContentChild::~ContentChild() {
+    Stop();
+}
 
 int ContentChild::Start(std::string* error) {
     int out[2];
@@ -112,8 +114,9 @@ std::vector<int> ContentChild::Fds() const {
 }
 
 void ContentChild::Ready(int) {
-    std::fprintf(stderr, "q-brix-driver: the content processor ended; web and mail pass "
-                         "unfiltered until it runs again\n");
+    std::fprintf(stderr,
+                 "q-brix-driver: the content processor ended; web and mail pass "
+                 "unfiltered until it runs again\n");
     Reap();
     m_restartAt = ReferenceDriver::Clock::now() + kRestartPause;
 }
@@ -127,8 +130,9 @@ ReferenceDriver::Clock::time_point ContentChild::Tick(ReferenceDriver::Clock::ti
     }
     m_restartAt = {};
     if (++m_restarts > kMaxRestarts) {
-        std::fprintf(stderr, "q-brix-driver: the content processor keeps ending; not started "
-                             "again\n");
+        std::fprintf(stderr,
+                     "q-brix-driver: the content processor keeps ending; not started "
+                     "again\n");
         return now + std::chrono::hours(1);
     }
     std::string error;
