@@ -19,6 +19,8 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto kUse = net::as_tuple(net::use_awaitable);
+// A mail program may keep a session open while its user reads, not forever.
+constexpr auto kIdleTime = std::chrono::minutes(10);
 
 // Bytes waiting for one socket, written by one coroutine at a time; others wait until it is done,
 // so a slow reader holds back the side that feeds it instead of filling memory.
@@ -83,6 +85,9 @@ class Pop3Connection : public Pop3Sink {
 
   private:
     net::awaitable<void> FromClient();
+    // Ends when neither side has sent anything for kIdleTime: a peer that holds a session open
+    // without using it does not keep its resources forever.
+    net::awaitable<void> Watchdog();
     net::awaitable<void> FromServer();
     net::awaitable<void> ProcessMessage();
 
@@ -95,7 +100,22 @@ class Pop3Connection : public Pop3Sink {
     std::shared_ptr<const ContentPolicy> m_policy;
     std::string m_address;
     std::optional<std::pair<std::string, std::string>> m_message;
+    std::chrono::steady_clock::time_point m_lastActivity = std::chrono::steady_clock::now();
 };
+
+net::awaitable<void> Pop3Connection::Watchdog() {
+    net::steady_timer timer(m_client.get_executor());
+    for (;;) {
+        timer.expires_at(m_lastActivity + kIdleTime);
+        auto [ec] = co_await timer.async_wait(kUse);
+        if (ec) {
+            co_return;  // cancelled: the conversation ended first
+        }
+        if (std::chrono::steady_clock::now() - m_lastActivity >= kIdleTime) {
+            co_return;
+        }
+    }
+}
 
 net::awaitable<void> Pop3Connection::Run(tcp::endpoint destination) {
     m_policy = m_context.policies.Current();
@@ -110,13 +130,15 @@ net::awaitable<void> Pop3Connection::Run(tcp::endpoint destination) {
         co_return;
     }
     using namespace net::experimental::awaitable_operators;
-    co_await (FromClient() && FromServer());
+    // Whichever ends first: the conversation, or the watchdog (which cancels the conversation).
+    co_await ((FromClient() && FromServer()) || Watchdog());
 }
 
 net::awaitable<void> Pop3Connection::FromClient() {
     std::vector<char> buffer(16384);
     for (;;) {
         auto [ec, n] = co_await m_client.async_read_some(net::buffer(buffer), kUse);
+        m_lastActivity = std::chrono::steady_clock::now();
         if (ec) {
             break;
         }
@@ -159,6 +181,7 @@ net::awaitable<void> Pop3Connection::FromServer() {
     std::vector<char> buffer(16384);
     for (;;) {
         auto [ec, n] = co_await m_server.async_read_some(net::buffer(buffer), kUse);
+        m_lastActivity = std::chrono::steady_clock::now();
         if (ec) {
             break;
         }
