@@ -30,6 +30,7 @@
 #include "support/Process.h"
 #include "support/TempPlatform.h"
 #include "support/TestNetwork.h"
+#include "support/ThreadedServer.h"
 
 namespace {
 
@@ -64,28 +65,9 @@ std::string Page() {
 // The origin: "/page" and "/download", kept-alive connections, one thread each.
 class Origin {
   public:
-    Origin() : m_page(std::make_shared<const std::string>(Page())) {
-        m_acceptor.open(tcp::v4());
-        m_acceptor.set_option(tcp::acceptor::reuse_address(true));
-        m_acceptor.bind({net::ip::make_address(kOrigin), 80});
-        m_acceptor.listen(1024);
-        m_thread = std::thread([this] {
-            for (;;) {
-                beast::error_code ec;
-                tcp::socket socket = m_acceptor.accept(ec);
-                if (ec) {
-                    return;
-                }
-                std::thread([this, socket = std::move(socket)]() mutable {
-                    Serve(socket);
-                }).detach();
-            }
-        });
-    }
-    ~Origin() {
-        ::shutdown(m_acceptor.native_handle(), SHUT_RDWR);
-        m_thread.join();
-    }
+    Origin()
+        : m_page(std::make_shared<const std::string>(Page())),
+          m_server(kOrigin, 80, [this](tcp::socket& socket) { Serve(socket); }) {}
     void SetPage(std::string page) {
         std::lock_guard<std::mutex> lock(m_lock);
         m_page = std::make_shared<const std::string>(std::move(page));
@@ -126,9 +108,7 @@ class Origin {
 
     std::mutex m_lock;
     std::shared_ptr<const std::string> m_page;
-    net::io_context m_io;
-    tcp::acceptor m_acceptor{m_io};
-    std::thread m_thread;
+    test::ThreadedServer m_server;
 };
 
 struct Rule {

@@ -37,6 +37,7 @@
 #include "support/Process.h"
 #include "support/TempPlatform.h"
 #include "support/TestNetwork.h"
+#include "support/ThreadedServer.h"
 
 namespace qbrix {
 namespace {
@@ -76,29 +77,11 @@ std::string Gzip(const std::string& text) {
 // answers with the request's head as it arrived.
 class WebServer {
   public:
-    WebServer(std::string eicar) : m_eicar(std::move(eicar)) {
-        m_acceptor.open(tcp::v4());
-        m_acceptor.set_option(tcp::acceptor::reuse_address(true));
-        m_acceptor.bind({net::ip::make_address(kServer), 80});
-        m_acceptor.listen();
-        m_thread = std::thread([this] { Accept(); });
-    }
-    ~WebServer() {
-        ::shutdown(m_acceptor.native_handle(), SHUT_RDWR);
-        m_thread.join();
-    }
+    WebServer(std::string eicar)
+        : m_eicar(std::move(eicar)),
+          m_server(kServer, 80, [this](tcp::socket& socket) { Serve(socket); }) {}
 
   private:
-    void Accept() {
-        for (;;) {
-            beast::error_code ec;
-            tcp::socket socket = m_acceptor.accept(ec);
-            if (ec) {
-                return;
-            }
-            std::thread([this, socket = std::move(socket)]() mutable { Serve(socket); }).detach();
-        }
-    }
     void Serve(tcp::socket& socket) {
         beast::flat_buffer buffer;
         for (;;) {
@@ -140,55 +123,41 @@ class WebServer {
     }
 
     std::string m_eicar;
-    net::io_context m_io;
-    tcp::acceptor m_acceptor{m_io};
-    std::thread m_thread;
+    test::ThreadedServer m_server;  // last: its threads end before the rest goes
 };
 
 // A mail server holding one message; RETR 1 sends it dot-stuffed.
 class MailServer {
   public:
-    explicit MailServer(std::string stuffed) : m_stuffed(std::move(stuffed)) {
-        m_acceptor.open(tcp::v4());
-        m_acceptor.set_option(tcp::acceptor::reuse_address(true));
-        m_acceptor.bind({net::ip::make_address(kServer), 110});
-        m_acceptor.listen();
-        m_thread = std::thread([this] {
-            beast::error_code ec;
-            tcp::socket socket = m_acceptor.accept(ec);
-            if (ec) {
-                return;
-            }
-            net::write(socket, net::buffer(std::string("+OK ready\r\n")), ec);
-            net::streambuf in;
-            while (!ec) {
-                std::size_t n = net::read_until(socket, in, "\r\n", ec);
-                if (ec) {
-                    break;
-                }
-                std::string line(net::buffers_begin(in.data()), net::buffers_begin(in.data()) + n);
-                in.consume(n);
-                std::string answer = line.rfind("RETR", 0) == 0
-                                         ? "+OK message\r\n" + m_stuffed + ".\r\n"
-                                     : line.rfind("QUIT", 0) == 0 ? "+OK bye\r\n"
-                                                                  : "+OK\r\n";
-                net::write(socket, net::buffer(answer), ec);
-                if (line.rfind("QUIT", 0) == 0) {
-                    break;
-                }
-            }
-        });
-    }
-    ~MailServer() {
-        ::shutdown(m_acceptor.native_handle(), SHUT_RDWR);
-        m_thread.join();
-    }
+    explicit MailServer(std::string stuffed)
+        : m_stuffed(std::move(stuffed)),
+          m_server(kServer, 110, [this](tcp::socket& socket) { Serve(socket); }) {}
 
   private:
+    void Serve(tcp::socket& socket) {
+        beast::error_code ec;
+        net::write(socket, net::buffer(std::string("+OK ready\r\n")), ec);
+        net::streambuf in;
+        while (!ec) {
+            std::size_t n = net::read_until(socket, in, "\r\n", ec);
+            if (ec) {
+                break;
+            }
+            std::string line(net::buffers_begin(in.data()), net::buffers_begin(in.data()) + n);
+            in.consume(n);
+            std::string answer = line.rfind("RETR", 0) == 0
+                                     ? "+OK message\r\n" + m_stuffed + ".\r\n"
+                                 : line.rfind("QUIT", 0) == 0 ? "+OK bye\r\n"
+                                                              : "+OK\r\n";
+            net::write(socket, net::buffer(answer), ec);
+            if (line.rfind("QUIT", 0) == 0) {
+                break;
+            }
+        }
+    }
+
     std::string m_stuffed;
-    net::io_context m_io;
-    tcp::acceptor m_acceptor{m_io};
-    std::thread m_thread;
+    test::ThreadedServer m_server;
 };
 
 content::RegRule Unit(const std::string& find, const std::string& replace) {
