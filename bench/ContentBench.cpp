@@ -123,18 +123,22 @@ std::vector<Rule> Rules(int count) {
     return rules;
 }
 
+// Incoming, enabled, every match (Recurse), not logged.
+std::unique_ptr<content::ContentRule> Compiled(const Rule& rule, const std::string& name) {
+    content::RegRule unit;
+    unit.find = rule.find;
+    unit.findFlag = 1;
+    unit.replace = rule.replace;
+    unit.replaceFlag = 1;
+    return std::make_unique<content::ContentRule>(1, 0, name, unit, 1, content::RegRule{},
+                                                  std::vector<content::RegRule>{}, 0, 0, "");
+}
+
 void StoreRules(const std::vector<Rule>& rules) {
     content::RuleList list;
     int n = 0;
     for (const Rule& rule : rules) {
-        content::RegRule unit;
-        unit.find = rule.find;
-        unit.findFlag = 1;
-        unit.replace = rule.replace;
-        unit.replaceFlag = 1;
-        list.Append(std::make_unique<content::ContentRule>(
-            1, 0, "Rule " + std::to_string(n++), unit, 1, content::RegRule{},
-            std::vector<content::RegRule>{}, 0, 0, ""));
+        list.Append(Compiled(rule, "Rule " + std::to_string(n++)));
     }
     content::SaveContentRules(content::kProtocolTable[content::kHttpRow].rulesKey, list);
 }
@@ -142,13 +146,7 @@ void StoreRules(const std::vector<Rule>& rules) {
 std::string Expected(const std::vector<Rule>& rules) {
     std::string page = Page();
     for (const Rule& rule : rules) {
-        content::RegRule unit;
-        unit.find = rule.find;
-        unit.findFlag = 1;
-        unit.replace = rule.replace;
-        unit.replaceFlag = 1;
-        content::ContentRule compiled(1, 0, "r", unit, 1, content::RegRule{}, {}, 0, 0, "");
-        content::ApplyContentRule(compiled, page);
+        content::ApplyContentRule(*Compiled(rule, "r"), page);
     }
     return page;
 }

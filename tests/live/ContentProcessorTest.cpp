@@ -4,7 +4,6 @@
 // one the rule tester and q-brixctl use) makes of the same content.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <boost/asio/connect.hpp>
@@ -34,6 +33,7 @@
 #include "platform/Kernel.h"
 #include "platform/Mailslot.h"
 #include "platform/posix/live/FirewallRules.h"
+#include "support/Compress.h"
 #include "support/Process.h"
 #include "support/TempPlatform.h"
 #include "support/TestNetwork.h"
@@ -57,20 +57,6 @@ std::string Page() {
         page += "<p>line " + std::to_string(i) + ": a banner here, some text there</p>\n";
     }
     return page + "</body></html>\n";  // about 75 KB: under the default MaxSize
-}
-
-std::string Gzip(const std::string& text) {
-    z_stream stream{};
-    deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY);
-    std::string out(deflateBound(&stream, text.size()), '\0');
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-    stream.avail_in = static_cast<uInt>(text.size());
-    stream.next_out = reinterpret_cast<Bytef*>(out.data());
-    stream.avail_out = static_cast<uInt>(out.size());
-    deflate(&stream, Z_FINISH);
-    out.resize(stream.total_out);
-    deflateEnd(&stream);
-    return out;
 }
 
 // The web server: /plain, /chunked, /gzip, /big (over MaxSize), /eicar, and /echo, which
@@ -98,7 +84,7 @@ class WebServer {
             std::string target(request.target());
             if (target == "/gzip") {
                 answer.set(http::field::content_encoding, "gzip");
-                answer.body() = Gzip(Page());
+                answer.body() = test::Compress(Page(), 15 + 16);
             } else if (target == "/big") {
                 answer.body() = std::string(300000, 'x') + Page();
             } else if (target == "/eicar") {

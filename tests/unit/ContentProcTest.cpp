@@ -1,13 +1,13 @@
 // The content processor's protocol logic without sockets: the POP3 conversation and the HTTP
 // content codings.
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <string>
 #include <vector>
 
 #include "Codings.h"
 #include "Pop3Session.h"
+#include "support/Compress.h"
 
 namespace qbrix::contentproc {
 namespace {
@@ -115,19 +115,7 @@ TEST(Pop3Session, OverlongLinesEndTheSession) {
     }
 }
 
-std::string Compress(const std::string& text, int windowBits) {
-    z_stream stream{};
-    deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
-    std::string out(deflateBound(&stream, text.size()) + 32, '\0');
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-    stream.avail_in = static_cast<uInt>(text.size());
-    stream.next_out = reinterpret_cast<Bytef*>(out.data());
-    stream.avail_out = static_cast<uInt>(out.size());
-    deflate(&stream, Z_FINISH);
-    out.resize(stream.total_out);
-    deflateEnd(&stream);
-    return out;
-}
+using test::Compress;
 
 TEST(Codings, BodiesDecodeWithinTheLimitOrPassAsTheyAre) {
     std::string page = "<html>" + std::string(5000, 'p') + "</html>";
