@@ -227,28 +227,34 @@ std::string QuarantineFolderOf(const ContentPolicy& policy, const std::string& d
 
 bool RunRules(const std::vector<const content::ContentRule*>& rules, std::string& text,
               const std::string& address, std::vector<Event>& events) {
-    bool changed = false;
+    if (rules.empty()) {
+        return false;
+    }
     content::RunLimits limits;
     limits.time = std::chrono::milliseconds(kRuleTimeLimitMs);
+    // What a rule changed is only needed for its event: a rule that logs nothing runs without a
+    // copy of the text, and the whole run is compared once.
+    const std::string original = text;
+    std::string before;
     for (const content::ContentRule* rule : rules) {
-        std::string before = text;
+        if (rule->log != 0) {
+            before = text;
+        }
         std::string stopReason;
         int verdict = content::ApplyContentRule(*rule, text, limits, &stopReason);
-        bool ruleChanged = text != before;
-        changed = changed || ruleChanged;
         if (rule->log == 0) {
             continue;
         }
         if (verdict == content::kRuleStopped) {
             events.push_back({events::kRuleFound, address,
                               rule->name + " (stopped, content passed: " + stopReason + ")", ""});
-        } else if (ruleChanged) {
+        } else if (text != before) {
             events.push_back({events::kRuleApplied, address, rule->name, ""});
         } else if (verdict >= content::kRuleFound) {
             events.push_back({events::kRuleFound, address, rule->name, ""});
         }
     }
-    return changed;
+    return text != original;
 }
 
 ContentWorker::ContentWorker(Scanner& scanner, std::string dataRoot)
