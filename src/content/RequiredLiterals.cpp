@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 #include <optional>
+#include <string_view>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -428,8 +429,74 @@ bool SameFolded(const unsigned char* text, const RequiredLiterals::Literal& lite
 
 }  // namespace
 
+namespace {
+
+// The literal bytes an expression begins with (see Lead). Conservative: any operator, escape or
+// group ends it, and an expression with a "|" outside bracket lists has none.
+std::string LeadingBytes(std::string_view expression) {
+    constexpr std::string_view kSpecial = ".[]()*+?{}|^$\\";
+    int depth = 0;
+    for (std::size_t i = 0; i < expression.size(); ++i) {
+        char c = expression[i];
+        if (c == '\\') {
+            ++i;  // an escaped byte is no operator here
+        } else if (c == '[') {
+            // Skip the bracket list: "]" right after "[" or "[^" belongs to it, "[:...:]" nests.
+            std::size_t j = i + 1;
+            if (j < expression.size() && expression[j] == '^') {
+                ++j;
+            }
+            if (j < expression.size() && expression[j] == ']') {
+                ++j;
+            }
+            while (j < expression.size() && expression[j] != ']') {
+                if (expression[j] == '[' && j + 1 < expression.size() &&
+                    (expression[j + 1] == ':' || expression[j + 1] == '.' ||
+                     expression[j + 1] == '=')) {
+                    std::size_t close = expression.find(std::string{expression[j + 1], ']'}, j + 2);
+                    if (close == std::string_view::npos) {
+                        return {};
+                    }
+                    j = close + 1;
+                } else {
+                    ++j;
+                }
+            }
+            if (j >= expression.size()) {
+                return {};
+            }
+            i = j;
+        } else if (c == '(') {
+            ++depth;
+        } else if (c == ')') {
+            --depth;
+        } else if (c == '|' && depth <= 0) {
+            return {};
+        }
+    }
+    std::size_t end = 0;
+    while (end < expression.size() && end < kMaxLiteral &&
+           kSpecial.find(expression[end]) == std::string_view::npos) {
+        ++end;
+    }
+    if (end < expression.size() &&
+        std::string_view("*+?{").find(expression[end]) != std::string_view::npos && end > 0) {
+        --end;  // the operator repeats the last byte (or makes it optional)
+    }
+    std::string lead(expression.substr(0, end));
+    for (char& c : lead) {
+        c = Fold(c);
+    }
+    return lead;
+}
+
+}  // namespace
+
 RequiredLiterals RequiredLiterals::Derive(const char* expression) {
     RequiredLiterals result;
+    if (std::string lead = LeadingBytes(expression); !lead.empty()) {
+        result.m_lead = MakeLiteral(lead);
+    }
     std::optional<Info> info = Analyzer(expression).Run();
     if (!info)
         return result;
@@ -476,11 +543,16 @@ bool RequiredLiterals::MayMatch(const char* text, std::size_t length) const {
 // a time where SSE2 is available); each candidate is then compared in full.
 bool ContainsFolded(const char* text, std::size_t length,
                     const RequiredLiterals::Literal& literal) {
+    return FindFolded(text, length, literal) != length || literal.folded.empty();
+}
+
+std::size_t FindFolded(const char* text, std::size_t length,
+                       const RequiredLiterals::Literal& literal) {
     const std::size_t size = literal.folded.size();
     if (size == 0)
-        return true;
+        return 0;
     if (size > length)
-        return false;
+        return length;
     const auto* bytes = reinterpret_cast<const unsigned char*>(text);
     const std::size_t last = size - 1;
     const auto firstByte = static_cast<unsigned char>(literal.folded[0]);
@@ -503,7 +575,7 @@ bool ContainsFolded(const char* text, std::size_t length,
         while (mask != 0) {
             auto bit = static_cast<std::size_t>(__builtin_ctz(mask));
             if (SameFolded(bytes + at + bit, literal, 1, last))
-                return true;
+                return at + bit;
             mask &= mask - 1;
         }
     }
@@ -511,10 +583,10 @@ bool ContainsFolded(const char* text, std::size_t length,
     for (; at < starts; ++at) {
         if ((bytes[at] | firstMask) == firstByte && (bytes[at + last] | lastMask) == lastByte &&
             SameFolded(bytes + at, literal, 1, last)) {
-            return true;
+            return at;
         }
     }
-    return false;
+    return length;
 }
 
 void SetRequiredLiteralsEnabled(bool enabled) {

@@ -35,12 +35,23 @@ class RequiredLiterals {
 
     bool Empty() const { return m_requirements.empty(); }
     const std::vector<Alternatives>& Requirements() const { return m_requirements; }
+    // What every match begins with (empty when that is not known): the literal bytes the
+    // expression starts with, up to its first operator, without a byte that operator repeats,
+    // in an expression without alternatives at its top level. No match can begin before the
+    // literal's first occurrence, so a search may start there: the library then skips nothing
+    // it would not have skipped itself.
+    const Literal& Lead() const { return m_lead; }
 
   private:
     std::vector<Alternatives> m_requirements;  // best first
+    Literal m_lead;
 };
 
-// Whether a literal occurs in text[0, length), letters compared without regard to ASCII case.
+// Where a literal first occurs in text[0, length) (length when it does not), letters compared
+// without regard to ASCII case.
+std::size_t FindFolded(const char* text, std::size_t length,
+                       const RequiredLiterals::Literal& literal);
+// Whether a literal occurs in text[0, length).
 bool ContainsFolded(const char* text, std::size_t length, const RequiredLiterals::Literal& literal);
 
 // Process-wide switch of the prefilter (on by default), so tests and the fuzz target can compare

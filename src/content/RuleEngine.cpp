@@ -247,11 +247,25 @@ int RunSearch(const RulePattern& pattern, const char* data, std::size_t length,
     static const char kEmpty[] = "";
     slots[0].rm_so = 0;
     slots[0].rm_eo = static_cast<regoff_t>(length);
-    if (!pattern.Literals().MayMatch(data, length)) {
-        return kSearchMissed;  // something every match holds is not in the searched bytes
-    }
     if (pattern.HasBackReferences()) {
+        if (!pattern.Literals().MayMatch(data, length)) {
+            return kSearchMissed;
+        }
         return SearchInChild(pattern, data, length, slots, budget);
+    }
+    // No match begins before the first occurrence of what every match begins with: the library
+    // starts there (the bytes before stay visible to it, as context).
+    std::size_t from = 0;
+    if (const RequiredLiterals::Literal& lead = pattern.Literals().Lead();
+        !lead.folded.empty() && RequiredLiteralsEnabled()) {
+        from = FindFolded(data, length, lead);
+        if (from == length) {
+            return kSearchMissed;
+        }
+        slots[0].rm_so = static_cast<regoff_t>(from);
+    }
+    if (!pattern.Literals().MayMatch(data + from, length - from)) {
+        return kSearchMissed;  // something every match holds is not in the searched bytes
     }
     return regexec(pattern.Regex(), length == 0 ? kEmpty : data, pattern.GroupCount() + 1, slots,
                    REG_STARTEND) == 0

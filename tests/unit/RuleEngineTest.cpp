@@ -243,6 +243,37 @@ TEST(RequiredLiteralsTest, DerivesWhatEveryMatchHolds) {
         EXPECT_EQ(Requirements(expression), expected) << expression;
 }
 
+// What every match begins with: the literal bytes up to the first operator, less a byte the
+// operator repeats; none with an alternative at the top level or an operator first.
+TEST(RequiredLiteralsTest, LeadIsWhatEveryMatchBeginsWith) {
+    const std::vector<std::pair<const char*, const char*>> cases = {
+        {"<IMG[^>]*banner", "<img"},
+        {"banner", "banner"},
+        {"ab*c", "a"},
+        {"ab{2}", "a"},
+        {"ab?", "a"},
+        {"a(b|c)", "a"},
+        {"a[|]b", "a"},
+        {"a\\.b", "a"},
+        {"a|b", ""},
+        {"x(a|b)|c", ""},
+        {"^ab", ""},
+        {"(ab)c", ""},
+        {".ab", ""},
+        {"*ab", ""},
+    };
+    for (const auto& [expression, expected] : cases)
+        EXPECT_EQ(RequiredLiterals::Derive(expression).Lead().folded, expected) << expression;
+    // The search starts at the lead's first occurrence, with the bytes before it as context.
+    RulePattern pattern;
+    ASSERT_EQ(0, CompilePattern(pattern, "ab\\>"));
+    std::int32_t start = 0, end = 0;
+    EXPECT_EQ(0, SearchPattern(pattern, "xxabc ab!", start, end));
+    EXPECT_EQ(6, start);
+    ASSERT_EQ(0, CompilePattern(pattern, "b\\<"));
+    EXPECT_EQ(1, SearchPattern(pattern, "ab cd", start, end));
+}
+
 // Bytes a literal is compared with: ASCII letters without regard to case, every other byte
 // (above 0x7F too) exactly.
 TEST(RequiredLiteralsTest, ScanFoldsAsciiLettersOnly) {
