@@ -115,7 +115,11 @@ struct Rule {
     std::string find, replace;
 };
 
+// QBRIX_BENCH_NO_RULES: both proxies without rules, what passing a page through costs at all.
 std::vector<Rule> Rules(int count) {
+    if (std::getenv("QBRIX_BENCH_NO_RULES") != nullptr) {
+        return {};
+    }
     std::vector<Rule> rules = {{"banner", "BANNER"}};
     for (int i = 1; i < count; ++i) {
         rules.push_back({"word" + std::to_string(i), "WORD" + std::to_string(i)});

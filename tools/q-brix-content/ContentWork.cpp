@@ -92,15 +92,6 @@ Scanner::~Scanner() {
     Stop();
 }
 
-bool Scanner::Selects(const std::string& name) {
-    for (const char* word : {"Sophos", "Una", "NOD32", "ClamAV"}) {
-        if (name.find(word) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
-}
-
 bool Scanner::Start() {
     int pair[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
@@ -266,7 +257,7 @@ WorkResult ContentWorker::Process(
     WorkResult result;
     const ProtocolPolicy& protocol = policy.protocols[request.protocol];
     bool mail = request.protocol == content::kPop3Row;
-    if (request.side == Side::Incoming && protocol.scan && Scanner::Selects(policy.engineName)) {
+    if (request.side == Side::Incoming && protocol.scan) {
         std::uint64_t sequence;
         {
             std::lock_guard<std::mutex> lock(m_lock);

@@ -50,8 +50,6 @@ class Scanner {
     ~Scanner();
     Scanner(const Scanner&) = delete;
     Scanner& operator=(const Scanner&) = delete;
-    // Whether a name selects an engine at all ("Disabled" and "" do not).
-    static bool Selects(const std::string& name);
     ScanVerdict ScanFile(const std::string& name, const std::string& repository,
                          const std::string& path, std::uint32_t timeoutMs);
 
