@@ -319,7 +319,7 @@ int main(int argc, char** argv) {
             return !ec;
         });
         Figures base = MeasurePages(direct, Page(), seconds);
-        std::printf("%d rule%s, %s page\n", count, count == 1 ? "" : "s",
+        std::printf("%zu rule%s, %s page\n", rules.size(), rules.size() == 1 ? "" : "s",
                     dense ? "dense" : "sparse");
         std::printf("  %-20s %10.0f %12.1f %12s %8s\n", direct.name, base.pagesPerSecond,
                     base.latencyUs, "", "");
