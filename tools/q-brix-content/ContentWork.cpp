@@ -16,6 +16,7 @@
 #include <ctime>
 
 #include "content/RuleEngine.h"
+#include "platform/posix/PosixPlatform.h"
 
 extern char** environ;
 
@@ -263,8 +264,10 @@ WorkResult ContentWorker::Process(
             std::lock_guard<std::mutex> lock(m_lock);
             sequence = ++m_sequence;
         }
+        // The file the engine reads, in the data root's run directory (made as the platform
+        // makes its directories).
         std::string scratch = m_dataRoot + "/run/content-scan";
-        ::mkdir(scratch.c_str(), 0700);
+        platform::MakeDataDirectory(m_dataRoot, scratch);
         std::string path =
             scratch + "/" + std::to_string(::getpid()) + "-" + std::to_string(sequence) + ".scan";
         ScanVerdict verdict{ScanVerdict::State::Failed, "cannot write the scan file"};
