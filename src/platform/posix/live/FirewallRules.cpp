@@ -105,26 +105,24 @@ std::string QueueTarget(const RuleSettings& settings) {
 // Removes every jump from `hook` to `chain` of a table, then the chain itself.
 void RemoveChain(bool ipv6, const char* table, const char* hook, const char* chain) {
     std::string tool = Tool(ipv6, "");
-    {
-        // Every jump to the chain, in whatever form and however many a crashed start left.
-        Outcome listing = Run({tool, "-w", "-t", table, "-S", hook});
-        std::size_t at = 0;
-        while ((at = listing.output.find("-A ", at)) != std::string::npos) {
-            std::size_t end = listing.output.find('\n', at);
-            std::string rule = listing.output.substr(at, end - at);
-            at = end;
-            if (rule.find(std::string("-j ") + chain) == std::string::npos) {
-                continue;
-            }
-            std::vector<std::string> words = {tool, "-w", "-t", table, "-D"};
-            std::size_t start = 3;  // after "-A "
-            while (start < rule.size()) {
-                std::size_t space = rule.find(' ', start);
-                words.push_back(rule.substr(start, space - start));
-                start = space == std::string::npos ? rule.size() : space + 1;
-            }
-            Run(words);
+    // Every jump to the chain, in whatever form and however many a crashed start left.
+    Outcome listing = Run({tool, "-w", "-t", table, "-S", hook});
+    std::size_t at = 0;
+    while ((at = listing.output.find("-A ", at)) != std::string::npos) {
+        std::size_t end = listing.output.find('\n', at);
+        std::string rule = listing.output.substr(at, end - at);
+        at = end;
+        if (rule.find(std::string("-j ") + chain) == std::string::npos) {
+            continue;
         }
+        std::vector<std::string> words = {tool, "-w", "-t", table, "-D"};
+        std::size_t start = 3;  // after "-A "
+        while (start < rule.size()) {
+            std::size_t space = rule.find(' ', start);
+            words.push_back(rule.substr(start, space - start));
+            start = space == std::string::npos ? rule.size() : space + 1;
+        }
+        Run(words);
     }
     Run({tool, "-w", "-t", table, "-F", chain});
     Run({tool, "-w", "-t", table, "-X", chain});
