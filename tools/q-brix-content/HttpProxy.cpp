@@ -5,6 +5,8 @@
 #include <boost/asio/experimental/awaitable_operators.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/this_coro.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -27,6 +29,7 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto kUse = net::as_tuple(net::use_awaitable);
+using Clock = std::chrono::steady_clock;
 // The whole head of a request must arrive within this time (slow peers that trickle a head
 // byte by byte are closed), and a connection may stay idle between requests as long.
 constexpr auto kHeadTime = 30s;
@@ -86,13 +89,18 @@ http::response<http::string_body> Refusal(http::status status, unsigned version,
 }
 
 // One direction of a tunnel: copies until either side ends, then ends the other's sending.
-net::awaitable<void> Pump(tcp::socket& from, tcp::socket& to) {
+// A tunnel (CONNECT, an upgraded connection) in which nothing moves for this long is closed: a
+// peer may keep one open while it is used, not hold the processor's resources forever.
+constexpr auto kTunnelIdleTime = std::chrono::minutes(10);
+
+net::awaitable<void> Pump(tcp::socket& from, tcp::socket& to, Clock::time_point& lastActivity) {
     std::vector<char> buffer(kPiece);
     for (;;) {
         auto [ec, n] = co_await from.async_read_some(net::buffer(buffer), kUse);
         if (ec) {
             break;
         }
+        lastActivity = Clock::now();
         auto [wec, written] = co_await net::async_write(to, net::buffer(buffer.data(), n), kUse);
         if (wec) {
             break;
@@ -102,9 +110,23 @@ net::awaitable<void> Pump(tcp::socket& from, tcp::socket& to) {
     to.shutdown(tcp::socket::shutdown_send, ignored);
 }
 
+// Ends when nothing has moved for kTunnelIdleTime.
+net::awaitable<void> IdleWatch(const Clock::time_point& lastActivity) {
+    net::steady_timer timer(co_await net::this_coro::executor);
+    do {
+        timer.expires_at(lastActivity + kTunnelIdleTime);
+        auto [ec] = co_await timer.async_wait(kUse);
+        if (ec) {
+            co_return;  // cancelled: the tunnel ended first
+        }
+    } while (Clock::now() - lastActivity < kTunnelIdleTime);
+}
+
 net::awaitable<void> Tunnel(tcp::socket& a, tcp::socket& b) {
     using namespace net::experimental::awaitable_operators;
-    co_await (Pump(a, b) && Pump(b, a));
+    Clock::time_point lastActivity = Clock::now();
+    // Whichever ends first: both directions, or the idle watch (which cancels them).
+    co_await ((Pump(a, b, lastActivity) && Pump(b, a, lastActivity)) || IdleWatch(lastActivity));
 }
 
 // Reads a message's body into `data` until the message ends or `data` grows beyond `limit`.
