@@ -17,32 +17,13 @@
 #include <vector>
 
 #include "platform/Libraries.h"
+#include "platform/Uuid.h"
 #include "platform/WinTypes.h"
 
 namespace qbrix::platform {
 
 using HRESULT = std::int32_t;
 using ULONG = std::uint32_t;
-
-struct GUID {
-    std::uint32_t data1;
-    std::uint16_t data2;
-    std::uint16_t data3;
-    std::uint8_t data4[8];
-};
-static_assert(sizeof(GUID) == 16);
-
-constexpr bool operator==(const GUID& a, const GUID& b) {
-    if (a.data1 != b.data1 || a.data2 != b.data2 || a.data3 != b.data3) {
-        return false;
-    }
-    for (int i = 0; i < 8; ++i) {
-        if (a.data4[i] != b.data4[i]) {
-            return false;
-        }
-    }
-    return true;
-}
 
 inline constexpr HRESULT S_OK = 0;
 inline constexpr HRESULT S_FALSE = 1;

@@ -46,8 +46,8 @@ std::string RegisteredServerPath(const GUID& classId) {
 std::u16string StringFromGUID(const GUID& id) {
     char text[40];
     std::snprintf(text, sizeof(text), "{%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}",
-                  static_cast<unsigned>(id.data1), id.data2, id.data3, id.data4[0], id.data4[1],
-                  id.data4[2], id.data4[3], id.data4[4], id.data4[5], id.data4[6], id.data4[7]);
+                  static_cast<unsigned>(id.Data1), id.Data2, id.Data3, id.Data4[0], id.Data4[1],
+                  id.Data4[2], id.Data4[3], id.Data4[4], id.Data4[5], id.Data4[6], id.Data4[7]);
     return Utf8ToUtf16(text);
 }
 
