@@ -1,9 +1,9 @@
 #include "core/Messages.h"
 
-#include <unistd.h>
-
 #include <atomic>
 #include <cctype>
+
+#include "platform/Platform.h"
 
 namespace qbrix::core {
 
@@ -44,7 +44,7 @@ int ButtonsOf(unsigned style, Button* buttons) {
 ConsoleMessages::ConsoleMessages(std::FILE* in, std::FILE* out) : m_in(in), m_out(out) {}
 
 bool ConsoleMessages::Interactive() const {
-    return m_in != nullptr && ::isatty(::fileno(m_in)) == 1;
+    return platform::IsTerminal(m_in);
 }
 
 std::string ConsoleMessages::ReadAnswer() {

@@ -1,7 +1,5 @@
 #include "platform/Platform.h"
 
-#include <unistd.h>
-
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -159,8 +157,6 @@ std::string GetErrorMessageText(DWORD code) {
     auto it = kMessages.find(code);
     return it == kMessages.end() ? std::string() : std::string(it->second) + "\r\n";
 }
-
-std::uint32_t GetCurrentProcessId() { return static_cast<std::uint32_t>(::getpid()); }
 
 int IsNtPlatform() { return Current().Info().family == Family::Nt ? 1 : 0; }
 

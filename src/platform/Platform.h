@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -84,6 +85,8 @@ void SetLastError(DWORD code);
 std::string GetErrorMessageText(DWORD code);
 
 std::uint32_t GetCurrentProcessId();
+// Whether a stream is connected to a terminal (someone can answer a question on it).
+bool IsTerminal(std::FILE* stream);
 
 // The family test used throughout: 1 on the NT family, 0 on the 9x family.
 int IsNtPlatform();

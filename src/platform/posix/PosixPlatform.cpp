@@ -356,4 +356,8 @@ std::unique_ptr<Platform> MakePosixPlatform(SystemInfo info) {
     return std::make_unique<Platform>(std::move(info), std::move(registry));
 }
 
+std::uint32_t GetCurrentProcessId() { return static_cast<std::uint32_t>(::getpid()); }
+
+bool IsTerminal(std::FILE* stream) { return stream != nullptr && ::isatty(::fileno(stream)) == 1; }
+
 }  // namespace qbrix::platform
