@@ -18,11 +18,14 @@ struct Recorder : Pop3Sink {
     std::vector<std::string> messages;
     std::function<std::string(std::string)> rewrite = [](std::string text) { return text; };
     Pop3Session* session = nullptr;
+    bool hold = false;  // keep the message until the test answers it
     void ToServer(std::string_view bytes) override { toServer.append(bytes); }
     void ToClient(std::string_view bytes) override { toClient.append(bytes); }
     void Message(const std::string& command, std::string text) override {
         messages.push_back(command + "|" + text);
-        session->CompleteMessage(rewrite(std::move(text)));
+        if (!hold) {
+            session->CompleteMessage(rewrite(std::move(text)));
+        }
     }
 };
 
@@ -59,7 +62,44 @@ TEST_P(Pop3SessionTest, AnUnchangedSessionPassesByteForByte) {
     EXPECT_EQ("TOP 1 0|Subject: s\r\n\r\n", sink.messages[1]);
 }
 
+TEST_P(Pop3SessionTest, MessagesOfEveryShapeComeBackByteForByte) {
+    struct Case {
+        std::string answer;  // after "+OK\r\n"
+        std::string text;
+    } cases[] = {
+        {".\r\n", ""},
+        {"a\nb\r\n.\n", "a\nb\r\n"},
+        {"..\r\n...x\n.\r\r\n.y\r\n.\r\n", ".\r\n..x\n\r\r\ny\r\n"},
+    };
+    for (const Case& c : cases) {
+        Recorder sink;
+        Pop3Session session(sink, 100000);
+        sink.session = &session;
+        Feed(session, {"RETR 1\r\nNOOP\r\n", "+OK\r\n+OK\r\n" + c.answer + "+OK\r\n"},
+             GetParam());
+        EXPECT_EQ("+OK\r\n+OK\r\n" + c.answer + "+OK\r\n", sink.toClient) << c.answer;
+        EXPECT_EQ(std::vector<std::string>{"RETR 1|" + c.text}, sink.messages) << c.answer;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Pieces, Pop3SessionTest, ::testing::Values(1, 3, 7, 1000));
+
+TEST(Pop3Session, AnswersAfterAHeldMessageWaitForIt) {
+    Recorder sink;
+    Pop3Session session(sink, 100000);
+    sink.session = &session;
+    sink.hold = true;
+    session.FromClient("RETR 1\r\nRETR 2\r\nQUIT\r\n");
+    session.FromServer("+OK hi\r\n+OK\r\none\r\n.\r\n+OK\r\ntwo\r\n.\r\n+OK bye\r\n");
+    EXPECT_EQ("+OK hi\r\n", sink.toClient);
+    ASSERT_EQ(1u, sink.messages.size());
+    session.CompleteMessage("1\r\n");
+    EXPECT_EQ("+OK hi\r\n+OK\r\n1\r\n.\r\n", sink.toClient);
+    ASSERT_EQ(2u, sink.messages.size());
+    EXPECT_EQ("RETR 2|two\r\n", sink.messages[1]);
+    session.CompleteMessage("two\r\n");
+    EXPECT_EQ("+OK hi\r\n+OK\r\n1\r\n.\r\n+OK\r\ntwo\r\n.\r\n+OK bye\r\n", sink.toClient);
+}
 
 TEST(Pop3Session, ARewrittenMessageIsStuffedAgainAndEndsRight) {
     Recorder sink;
@@ -81,6 +121,10 @@ TEST(Pop3Session, AMessageOverTheLimitStreamsUnchanged) {
         session.FromServer("+OK hi\r\n");
         for (std::size_t at = 0; at < answer.size(); at += piece) {
             session.FromServer(answer.substr(at, piece));
+            // Past the limit nothing waits: a message that never ends is not kept.
+            if (at + piece > 16 && at + piece <= 55) {
+                EXPECT_EQ("+OK hi\r\n" + answer.substr(0, at + piece), sink.toClient) << at;
+            }
         }
         EXPECT_TRUE(sink.messages.empty()) << piece;
         EXPECT_EQ("+OK hi\r\n" + answer, sink.toClient) << piece;
