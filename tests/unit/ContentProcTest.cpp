@@ -75,8 +75,7 @@ TEST_P(Pop3SessionTest, MessagesOfEveryShapeComeBackByteForByte) {
         Recorder sink;
         Pop3Session session(sink, 100000);
         sink.session = &session;
-        Feed(session, {"RETR 1\r\nNOOP\r\n", "+OK\r\n+OK\r\n" + c.answer + "+OK\r\n"},
-             GetParam());
+        Feed(session, {"RETR 1\r\nNOOP\r\n", "+OK\r\n+OK\r\n" + c.answer + "+OK\r\n"}, GetParam());
         EXPECT_EQ("+OK\r\n+OK\r\n" + c.answer + "+OK\r\n", sink.toClient) << c.answer;
         EXPECT_EQ(std::vector<std::string>{"RETR 1|" + c.text}, sink.messages) << c.answer;
     }
@@ -99,6 +98,21 @@ TEST(Pop3Session, AnswersAfterAHeldMessageWaitForIt) {
     EXPECT_EQ("RETR 2|two\r\n", sink.messages[1]);
     session.CompleteMessage("two\r\n");
     EXPECT_EQ("+OK hi\r\n+OK\r\n1\r\n.\r\n+OK\r\ntwo\r\n.\r\n+OK bye\r\n", sink.toClient);
+}
+
+TEST(Pop3Session, ManyMessagesAnsweredAtOnceInOnePiece) {
+    Recorder sink;
+    Pop3Session session(sink, 100);
+    sink.session = &session;
+    std::string client, server = "+OK\r\n";
+    for (int i = 0; i < 100000; ++i) {
+        client += "RETR 1\r\n";
+        server += "+OK\r\nx\r\n.\r\n";
+    }
+    session.FromClient(client);
+    session.FromServer(server);
+    EXPECT_EQ(100000u, sink.messages.size());
+    EXPECT_TRUE(server == sink.toClient);
 }
 
 TEST(Pop3Session, ARewrittenMessageIsStuffedAgainAndEndsRight) {
@@ -149,14 +163,37 @@ TEST(Pop3Session, AuthExchangesAndStartTlsAreNotTakenForCommands) {
     EXPECT_EQ("+OK hi\r\n+ \r\n+OK in\r\n+OK go\r\n\x16\x03\x01 binary\r\n.\r\n", sink.toClient);
 }
 
-TEST(Pop3Session, OverlongLinesEndTheSession) {
-    for (bool fromClient : {true, false}) {
+TEST(Pop3Session, OverlongLinesEndTheSessionHoweverTheyArrive) {
+    std::string longest(Pop3Session::kMaxLine, 'x'), over = longest + "x";
+    struct Case {
+        bool fromClient;
+        std::string line;
+        bool fails;
+    } cases[] = {
+        {true, longest + "\n", false},  {true, over, true},  {true, over + "\r\n", true},
+        {false, longest + "\n", false}, {false, over, true}, {false, over + "\r\n", true},
+    };
+    for (const Case& c : cases) {
         Recorder sink;
         Pop3Session session(sink, 1000);
-        std::string line(Pop3Session::kMaxLine + 1, 'x');
-        fromClient ? session.FromClient(line) : session.FromServer(line);
-        EXPECT_TRUE(session.Failed()) << fromClient;
+        session.FromServer("+OK\r\n");
+        session.FromClient("NOOP\r\n");
+        c.fromClient ? session.FromClient(c.line) : session.FromServer(c.line);
+        EXPECT_EQ(c.fails, session.Failed()) << c.fromClient << c.line.size();
     }
+}
+
+TEST(Pop3Session, LongAuthenticationLinesPassAsTheyCome) {
+    Recorder sink;
+    Pop3Session session(sink, 1000);
+    std::string token(3 * Pop3Session::kMaxLine, 'T');
+    session.FromClient("AUTH GSSAPI\r\n");
+    session.FromServer("+OK\r\n+ \r\n");
+    session.FromClient(token);
+    session.FromClient("\r\n");
+    session.FromServer("+OK in\r\n");
+    EXPECT_FALSE(session.Failed());
+    EXPECT_TRUE("AUTH GSSAPI\r\n" + token + "\r\n" == sink.toServer);
 }
 
 using test::Compress;

@@ -47,33 +47,30 @@ Pop3Session::Pop3Session(Pop3Sink& sink, std::size_t maxMessageSize)
     : m_sink(sink), m_maxMessage(maxMessageSize) {}
 
 void Pop3Session::FromClient(std::string_view bytes) {
-    if (Failed()) {
-        return;
-    }
-    if (m_tunnel) {
-        m_sink.ToServer(bytes);
-        return;
-    }
-    m_clientLine.append(bytes);
-    std::size_t start = 0;
-    for (std::size_t end; (end = m_clientLine.find('\n', start)) != std::string::npos;
-         start = end + 1) {
-        std::string line = m_clientLine.substr(start, end + 1 - start);
-        if (!m_authenticating) {
-            std::string_view bare = WithoutLineEnd(line);
-            std::size_t space = bare.find(' ');
-            Command command{Upper(bare.substr(0, space)), std::string(bare),
-                            space != std::string_view::npos &&
-                                bare.find_first_not_of(' ', space) != std::string_view::npos};
-            m_authenticating = command.verb == "AUTH";
-            m_commands.push_back(std::move(command));
-            line = m_sink.Command(std::move(line));
+    while (!bytes.empty() && !Failed()) {
+        if (m_tunnel || m_clientRaw) {
+            m_sink.ToServer(bytes);
+            return;
         }
-        m_sink.ToServer(line);
-    }
-    m_clientLine.erase(0, start);
-    if (m_clientLine.size() > kMaxLine) {
-        m_failure = "command line too long";
+        std::size_t end = bytes.find('\n');
+        m_clientLine.append(bytes.substr(0, end == std::string_view::npos ? end : end + 1));
+        bytes.remove_prefix(end == std::string_view::npos ? bytes.size() : end + 1);
+        if (m_clientLine.size() - (end == std::string_view::npos ? 0 : 1) > kMaxLine) {
+            m_failure = "command line too long";
+            return;
+        }
+        if (end == std::string_view::npos) {
+            return;
+        }
+        std::string_view bare = WithoutLineEnd(m_clientLine);
+        std::size_t space = bare.find(' ');
+        Command command{Upper(bare.substr(0, space)), std::string(bare),
+                        space != std::string_view::npos &&
+                            bare.find_first_not_of(' ', space) != std::string_view::npos};
+        m_clientRaw = command.verb == "AUTH" || command.verb == "STLS";
+        m_commands.push_back(std::move(command));
+        m_sink.ToServer(m_sink.Command(std::move(m_clientLine)));
+        m_clientLine.clear();
     }
 }
 
@@ -86,11 +83,12 @@ void Pop3Session::FromServer(std::string_view bytes) {
 }
 
 void Pop3Session::Process() {
+    m_processing = true;
     for (bool more = true; more && !Failed();) {
         if (m_tunnel) {
-            m_sink.ToClient(m_server);
-            m_server.clear();
-            return;
+            m_sink.ToClient(Unread());
+            m_used = m_server.size();
+            break;
         }
         switch (m_state) {
             case State::Status:
@@ -103,21 +101,28 @@ void Pop3Session::Process() {
                 more = ProcessLines(true);
                 break;
             case State::Held:
-                return;
+                more = false;
+                break;
         }
     }
+    // Handled bytes go once per call, not once per line: a large piece costs its length.
+    m_server.erase(0, m_used);
+    m_used = 0;
+    m_processing = false;
 }
 
 bool Pop3Session::ProcessStatus() {
-    std::size_t end = m_server.find('\n');
-    if (end == std::string::npos) {
-        if (m_server.size() > kMaxLine) {
-            m_failure = "server line too long";
-        }
+    std::string_view rest = Unread();
+    std::size_t end = rest.find('\n');
+    if ((end == std::string_view::npos ? rest.size() : end) > kMaxLine) {
+        m_failure = "server line too long";
         return false;
     }
-    std::string line = m_server.substr(0, end + 1);
-    m_server.erase(0, end + 1);
+    if (end == std::string_view::npos) {
+        return false;
+    }
+    std::string line(rest.substr(0, end + 1));
+    m_used += end + 1;
     if (!m_greeted || m_commands.empty()) {
         m_greeted = true;
         m_sink.ToClient(line);
@@ -131,14 +136,13 @@ bool Pop3Session::ProcessStatus() {
     }
     Command done = std::move(command);
     m_commands.pop_front();
-    if (done.verb == "AUTH") {
-        m_authenticating = false;
+    if (done.verb == "AUTH" || done.verb == "STLS") {
+        m_clientRaw = false;
     }
     if (ok && done.verb == "STLS") {
         // From here on the conversation is encrypted: nothing more to read in it.
         m_sink.ToClient(line);
         m_tunnel = true;
-        // What the client sent after STLS (the start of its handshake) goes first.
         m_sink.ToServer(m_clientLine);
         m_clientLine.clear();
         return true;
@@ -160,44 +164,51 @@ bool Pop3Session::ProcessStatus() {
 }
 
 bool Pop3Session::ProcessLines(bool collect) {
-    while (!m_server.empty()) {
-        if (m_lineStart && m_server[0] == '.') {
+    std::string_view rest = Unread();
+    std::size_t at = 0;  // handled bytes of `rest`; when streaming, they go out in one piece
+    auto handled = [&] {
+        if (!collect && at != 0) {
+            m_sink.ToClient(rest.substr(0, at));
+        }
+        m_used += at;
+    };
+    while (at < rest.size()) {
+        std::string_view here = rest.substr(at);
+        if (m_lineStart && here[0] == '.') {
             // The terminator is "." alone on its line; anything else after a "." is stuffing.
-            if (m_server.size() < 2 || (m_server[1] == '\r' && m_server.size() < 3)) {
-                return false;
+            if (here.size() < 2 || (here[1] == '\r' && here.size() < 3)) {
+                break;
             }
-            std::size_t length = m_server[1] == '\n'                          ? 2
-                                 : m_server[1] == '\r' && m_server[2] == '\n' ? 3
-                                                                              : 0;
+            std::size_t length = here[1] == '\n' ? 2 : here[1] == '\r' && here[2] == '\n' ? 3 : 0;
             if (length != 0) {
-                std::string terminator = m_server.substr(0, length);
-                m_server.erase(0, length);
                 if (collect) {
-                    m_raw += terminator;
+                    m_raw.append(here.substr(0, length));
+                }
+                at += length;
+                handled();
+                if (collect) {
                     EndOfMessage();
                 } else {
-                    m_sink.ToClient(terminator);
                     m_state = State::Status;
                 }
                 return true;
             }
         }
-        std::size_t end = m_server.find('\n');
-        std::size_t take = end == std::string::npos ? m_server.size() : end + 1;
-        std::string_view piece(m_server.data(), take);
+        std::size_t end = here.find('\n');
+        std::string_view piece = here.substr(0, end == std::string_view::npos ? end : end + 1);
         if (collect) {
             m_raw.append(piece);
             m_text.append(m_lineStart && piece[0] == '.' ? piece.substr(1) : piece);
-        } else {
-            m_sink.ToClient(piece);
         }
-        m_lineStart = end != std::string::npos;
-        m_server.erase(0, take);
+        m_lineStart = end != std::string_view::npos;
+        at += piece.size();
         if (collect && m_text.size() > m_maxMessage) {
+            handled();
             GiveUpMessage();
             return true;  // the rest of the answer streams (Lines)
         }
     }
+    handled();
     return false;
 }
 
@@ -237,7 +248,9 @@ void Pop3Session::CompleteMessage(std::string text) {
     m_original.clear();
     m_text.clear();
     m_state = State::Status;
-    Process();
+    if (!m_processing) {
+        Process();
+    }  // else called from Message(): the loop that handed the message over goes on
 }
 
 }  // namespace qbrix::contentproc

@@ -26,7 +26,8 @@ class Pop3Sink {
 
 class Pop3Session {
   public:
-    // The longest command or status line; a longer one ends the session.
+    // The longest command or status line (the bytes before its LF); a longer one ends the session,
+    // however it arrives. Lines of an AUTH exchange and of a message are not limited here.
     static constexpr std::size_t kMaxLine = 8192;
 
     Pop3Session(Pop3Sink& sink, std::size_t maxMessageSize);
@@ -49,6 +50,7 @@ class Pop3Session {
         bool hasArgument = false;
     };
     void Process();
+    std::string_view Unread() const { return std::string_view(m_server).substr(m_used); }
     bool ProcessStatus();
     // Moves whole or partial lines of a multi-line answer; false when more bytes are needed.
     bool ProcessLines(bool collect);
@@ -60,9 +62,13 @@ class Pop3Session {
     std::string m_failure;
     bool m_tunnel = false;
     bool m_greeted = false;
-    bool m_authenticating = false;  // an AUTH exchange: client lines are not commands
+    // After AUTH or STLS, until the server answers it: client bytes (credentials, the start of a
+    // handshake) are not commands and pass as they come.
+    bool m_clientRaw = false;
+    bool m_processing = false;  // inside Process(): a CompleteMessage from Message() only unholds
     std::string m_clientLine;
-    std::string m_server;  // server bytes not yet handled
+    std::string m_server;  // server bytes; the first m_used of them are handled
+    std::size_t m_used = 0;
     std::deque<Command> m_commands;
     State m_state = State::Status;
     bool m_lineStart = true;
