@@ -1,9 +1,10 @@
 // The ClamAV engine through libclamav: the engine Linux users have (Debian's clamav packages,
-// signatures kept current by freshclam). Its signature database is loaded and compiled at the
-// first scan and kept for the connector's life; a compiled engine may be used by several threads
-// at once.
+// signatures kept current by freshclam). The library and its signature database are loaded, and
+// the database compiled, at the first scan and kept for the connector's life; a compiled engine
+// may be used by several threads at once.
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -31,8 +32,12 @@ class ClamAvEngine : public ScanEngine {
   private:
     bool Load();
 
+    struct Calls;  // the library's entry points
+
     std::string m_directory;
     std::once_flag m_loadOnce;
+    void* m_library = nullptr;  // the platform's module handle
+    std::unique_ptr<Calls> m_calls;
     cl_engine* m_engine = nullptr;
     std::string m_problem;
 };

@@ -126,6 +126,15 @@ std::unique_ptr<ScanEngine> CreateEngineByName(const std::string& name,
     return engine;
 }
 
+bool NamesAnEngine(const std::string& name) {
+    for (const char* word : {"Sophos", "Una", "NOD32", "ClamAV"}) {
+        if (name.find(word) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void SetEngineFactory(EngineFactory factory) {
     g_engineFactory = std::move(factory);
 }

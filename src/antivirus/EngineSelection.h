@@ -46,6 +46,8 @@ void SetEngineFactory(EngineFactory factory);
 // their own engine (the content processor), apart from the selection state above.
 std::unique_ptr<ScanEngine> CreateEngineByName(const std::string& name,
                                                const std::string& repository);
+// Whether CreateEngineByName makes an engine for a name ("Disabled" and "" select none).
+bool NamesAnEngine(const std::string& name);
 
 // Destroys the current engine and clears the name and the factory (tests start each case from
 // a fresh process state).

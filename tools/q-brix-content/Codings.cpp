@@ -2,19 +2,11 @@
 
 #include <zlib.h>
 
-#include <algorithm>
-#include <cctype>
+#include "platform/Text.h"
 
 namespace qbrix::contentproc {
 
 namespace {
-
-std::string Lower(std::string_view text) {
-    std::string lower(text);
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return lower;
-}
 
 std::string_view Trim(std::string_view text) {
     while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) {
@@ -87,14 +79,14 @@ std::string HtmlEscape(const std::string& text) {
 }  // namespace
 
 Coding CodingOf(std::string_view contentEncoding) {
-    std::string coding = Lower(Trim(contentEncoding));
-    if (coding.empty() || coding == "identity") {
+    std::string_view coding = Trim(contentEncoding);
+    if (coding.empty() || platform::EqualsIgnoreCase(coding, "identity")) {
         return Coding::Identity;
     }
-    if (coding == "gzip" || coding == "x-gzip") {
+    if (platform::EqualsIgnoreCase(coding, "gzip") || platform::EqualsIgnoreCase(coding, "x-gzip")) {
         return Coding::Gzip;
     }
-    if (coding == "deflate") {
+    if (platform::EqualsIgnoreCase(coding, "deflate")) {
         return Coding::Deflate;
     }
     return Coding::Unknown;
@@ -147,10 +139,9 @@ std::string BlockedMail(std::string_view original, const std::string& virus,
         if (line.empty()) {
             break;  // end of the header block
         }
-        std::string lower = Lower(line.substr(0, 8));
-        for (const char* name : {"from:", "to:", "date:", "subject:"}) {
-            if (lower.rfind(name, 0) == 0) {
-                if (std::string_view(name) == "subject:") {
+        for (std::string_view name : {"from:", "to:", "date:", "subject:"}) {
+            if (platform::EqualsIgnoreCase(line.substr(0, name.size()), name)) {
+                if (name == "subject:") {
                     headers += "Subject: [q-Brix: virus removed]" + std::string(line.substr(8));
                 } else {
                     headers += line;

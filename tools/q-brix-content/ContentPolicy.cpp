@@ -2,18 +2,10 @@
 
 #include <sys/stat.h>
 
+#include "antivirus/EngineSelection.h"
 #include "content/ContentStore.h"
 
 namespace qbrix::contentproc {
-
-bool SelectsEngine(const std::string& name) {
-    for (const char* word : {"Sophos", "Una", "NOD32", "ClamAV"}) {
-        if (name.find(word) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
-}
 
 std::shared_ptr<const ContentPolicy> ContentPolicy::Load() {
     auto policy = std::make_shared<ContentPolicy>();
@@ -30,7 +22,7 @@ std::shared_ptr<const ContentPolicy> ContentPolicy::Load() {
         content::LoadContentRules(protocol.rulesKey, options.rules);
         ProtocolPolicy& out = policy->protocols[row];
         // Without an engine there is nothing to scan with: content is not held for it.
-        out.scan = options.enableAV != 0 && SelectsEngine(policy->engineName);
+        out.scan = options.enableAV != 0 && antivirus::NamesAnEngine(policy->engineName);
         out.logScans = options.enableAVLOG != 0;
         out.block = options.blockAV != 0;
         out.rules = options.enableREG != 0;

@@ -17,10 +17,6 @@ namespace qbrix::contentproc {
 
 enum class Side : std::uint8_t { Incoming = 0, Outgoing = 1 };
 
-// Whether an antivirus name selects an engine at all ("Disabled" and "" do not), by the words
-// the control program's selection looks for.
-bool SelectsEngine(const std::string& name);
-
 struct ProtocolPolicy {
     bool scan = true;      // EnableAV, and an engine is selected
     bool logScans = true;  // EnableAVLOG

@@ -1,6 +1,5 @@
 #include "ContentWork.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -29,24 +28,6 @@ void CopyField(char (&field)[N], const std::string& text) {
     std::size_t length = std::min(text.size(), N - 1);
     std::memcpy(field, text.data(), length);
     field[length] = '\0';
-}
-
-bool WriteWhole(const std::string& path, const std::string& data) {
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        return false;
-    }
-    std::size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n <= 0) {
-            ::close(fd);
-            ::unlink(path.c_str());
-            return false;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return ::close(fd) == 0;
 }
 
 // A file name made of the safe characters of `hint`, so a URL cannot name a path.
@@ -271,7 +252,7 @@ WorkResult ContentWorker::Process(
         std::string path =
             scratch + "/" + std::to_string(::getpid()) + "-" + std::to_string(sequence) + ".scan";
         ScanVerdict verdict{ScanVerdict::State::Failed, "cannot write the scan file"};
-        if (WriteWhole(path, text)) {
+        if (platform::WriteDataFile(m_dataRoot, path, text, 0600)) {
             verdict = m_scanner.ScanFile(policy.engineName, policy.repository, path,
                                          protocol.scanTimeoutMs);
         }
@@ -286,7 +267,8 @@ WorkResult ContentWorker::Process(
             std::strftime(stamp, sizeof(stamp), "%Y%m%d-%H%M%S", &local);
             std::string kept = folder + "/" + stamp + "-" + std::to_string(sequence) + "-" +
                                SafeName(request.suggestedName);
-            if (::rename(path.c_str(), kept.c_str()) != 0 && !WriteWhole(kept, text)) {
+            if (::rename(path.c_str(), kept.c_str()) != 0 &&
+                !platform::WriteDataFile(m_dataRoot, kept, text, 0600)) {
                 kept.clear();
             }
             text = notice(verdict.text, kept);

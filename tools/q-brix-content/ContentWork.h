@@ -81,11 +81,6 @@ struct WorkResult {
     std::vector<Event> events;
 };
 
-// Where quarantined copies and scan files go.
-struct WorkFolders {
-    std::string quarantine;
-    std::string scratch;
-};
 // The quarantine folder: the stored value when it is a path of this system, else the data
 // root's "quarantine".
 std::string QuarantineFolderOf(const ContentPolicy& policy, const std::string& dataRoot);

@@ -5,8 +5,6 @@
 #include <boost/asio/experimental/awaitable_operators.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read.hpp>
-#include <boost/asio/steady_timer.hpp>
-#include <boost/asio/this_coro.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -89,10 +87,6 @@ http::response<http::string_body> Refusal(http::status status, unsigned version,
 }
 
 // One direction of a tunnel: copies until either side ends, then ends the other's sending.
-// A tunnel (CONNECT, an upgraded connection) in which nothing moves for this long is closed: a
-// peer may keep one open while it is used, not hold the processor's resources forever.
-constexpr auto kTunnelIdleTime = std::chrono::minutes(10);
-
 net::awaitable<void> Pump(tcp::socket& from, tcp::socket& to, Clock::time_point& lastActivity) {
     std::vector<char> buffer(kPiece);
     for (;;) {
@@ -108,18 +102,6 @@ net::awaitable<void> Pump(tcp::socket& from, tcp::socket& to, Clock::time_point&
     }
     boost::system::error_code ignored;
     to.shutdown(tcp::socket::shutdown_send, ignored);
-}
-
-// Ends when nothing has moved for kTunnelIdleTime.
-net::awaitable<void> IdleWatch(const Clock::time_point& lastActivity) {
-    net::steady_timer timer(co_await net::this_coro::executor);
-    do {
-        timer.expires_at(lastActivity + kTunnelIdleTime);
-        auto [ec] = co_await timer.async_wait(kUse);
-        if (ec) {
-            co_return;  // cancelled: the tunnel ended first
-        }
-    } while (Clock::now() - lastActivity < kTunnelIdleTime);
 }
 
 net::awaitable<void> Tunnel(tcp::socket& a, tcp::socket& b) {

@@ -19,8 +19,6 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto kUse = net::as_tuple(net::use_awaitable);
-// A mail program may keep a session open while its user reads, not forever.
-constexpr auto kIdleTime = std::chrono::minutes(10);
 
 // Bytes waiting for one socket, written by one coroutine at a time; others wait until it is done,
 // so a slow reader holds back the side that feeds it instead of filling memory.
@@ -85,9 +83,6 @@ class Pop3Connection : public Pop3Sink {
 
   private:
     net::awaitable<void> FromClient();
-    // Ends when neither side has sent anything for kIdleTime: a peer that holds a session open
-    // without using it does not keep its resources forever.
-    net::awaitable<void> Watchdog();
     net::awaitable<void> FromServer();
     net::awaitable<void> ProcessMessage();
 
@@ -103,20 +98,6 @@ class Pop3Connection : public Pop3Sink {
     std::chrono::steady_clock::time_point m_lastActivity = std::chrono::steady_clock::now();
 };
 
-net::awaitable<void> Pop3Connection::Watchdog() {
-    net::steady_timer timer(m_client.get_executor());
-    for (;;) {
-        timer.expires_at(m_lastActivity + kIdleTime);
-        auto [ec] = co_await timer.async_wait(kUse);
-        if (ec) {
-            co_return;  // cancelled: the conversation ended first
-        }
-        if (std::chrono::steady_clock::now() - m_lastActivity >= kIdleTime) {
-            co_return;
-        }
-    }
-}
-
 net::awaitable<void> Pop3Connection::Run(tcp::endpoint destination) {
     m_policy = m_context.policies.Current();
     m_address = "pop3://" + destination.address().to_string();
@@ -131,7 +112,7 @@ net::awaitable<void> Pop3Connection::Run(tcp::endpoint destination) {
     }
     using namespace net::experimental::awaitable_operators;
     // Whichever ends first: the conversation, or the watchdog (which cancels the conversation).
-    co_await ((FromClient() && FromServer()) || Watchdog());
+    co_await ((FromClient() && FromServer()) || IdleWatch(m_lastActivity));
 }
 
 net::awaitable<void> Pop3Connection::FromClient() {

@@ -1,18 +1,10 @@
 #include "Pop3Session.h"
 
-#include <algorithm>
-#include <cctype>
+#include "platform/Text.h"
 
 namespace qbrix::contentproc {
 
 namespace {
-
-std::string Upper(std::string_view text) {
-    std::string upper(text);
-    std::transform(upper.begin(), upper.end(), upper.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return upper;
-}
 
 std::string_view WithoutLineEnd(std::string_view line) {
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
@@ -64,7 +56,7 @@ void Pop3Session::FromClient(std::string_view bytes) {
         }
         std::string_view bare = WithoutLineEnd(m_clientLine);
         std::size_t space = bare.find(' ');
-        Command command{Upper(bare.substr(0, space)), std::string(bare),
+        Command command{platform::ToUpperAscii(bare.substr(0, space)), std::string(bare),
                         space != std::string_view::npos &&
                             bare.find_first_not_of(' ', space) != std::string_view::npos};
         m_clientRaw = command.verb == "AUTH" || command.verb == "STLS";

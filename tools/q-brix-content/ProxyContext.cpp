@@ -3,6 +3,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/this_coro.hpp>
 #include <cstring>
 
 #include "platform/Kernel.h"
@@ -17,7 +20,7 @@ constexpr int kOriginalDestination = 80;
 
 EventSender::~EventSender() {
     if (m_writer != nullptr) {
-        platform::CloseHandle(static_cast<platform::HANDLE>(m_writer));
+        platform::CloseHandle(m_writer);
     }
 }
 
@@ -39,15 +42,26 @@ void EventSender::Send(const std::vector<Event>& events) {
                 m_writer = writer;
             }
             platform::DWORD written = 0;
-            if (platform::WriteMailslot(static_cast<platform::HANDLE>(m_writer), &record,
+            if (platform::WriteMailslot(m_writer, &record,
                                         sizeof(record), &written) &&
                 written == sizeof(record)) {
                 break;
             }
-            platform::CloseHandle(static_cast<platform::HANDLE>(m_writer));
+            platform::CloseHandle(m_writer);
             m_writer = nullptr;
         }
     }
+}
+
+boost::asio::awaitable<void> IdleWatch(const std::chrono::steady_clock::time_point& lastActivity) {
+    boost::asio::steady_timer timer(co_await boost::asio::this_coro::executor);
+    do {
+        timer.expires_at(lastActivity + kIdleTime);
+        auto [ec] = co_await timer.async_wait(boost::asio::as_tuple(boost::asio::use_awaitable));
+        if (ec) {
+            co_return;  // cancelled: the connection ended first
+        }
+    } while (std::chrono::steady_clock::now() - lastActivity < kIdleTime);
 }
 
 bool OriginalDestination(boost::asio::ip::tcp::socket& socket,

@@ -10,6 +10,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -18,6 +19,7 @@
 
 #include "ContentPolicy.h"
 #include "ContentWork.h"
+#include "platform/Handles.h"
 
 namespace qbrix::contentproc {
 
@@ -33,7 +35,7 @@ class EventSender {
 
   private:
     std::mutex m_lock;
-    void* m_writer = nullptr;  // the platform's handle, opened on demand
+    platform::HANDLE m_writer = nullptr;  // opened on demand
 };
 
 struct ProxyContext {
@@ -67,6 +69,15 @@ auto OnWorkers(ProxyContext& context, Work work) {
         },
         boost::asio::use_awaitable, std::move(work));
 }
+
+// A connection (a tunnel, a mail session) in which nothing moves for this long is closed: a peer
+// may keep one open while it is used, not hold the processor's resources forever.
+inline constexpr auto kIdleTime = std::chrono::minutes(10);
+
+// Ends when nothing has moved for kIdleTime since `lastActivity` (which the connection's loops
+// update); cancelled, it ends at once. Awaited with `||` beside the connection's loops, it ends
+// them.
+boost::asio::awaitable<void> IdleWatch(const std::chrono::steady_clock::time_point& lastActivity);
 
 // The address a redirected connection was meant for; false when it was not redirected.
 bool OriginalDestination(boost::asio::ip::tcp::socket& socket,

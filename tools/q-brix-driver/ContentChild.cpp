@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -12,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/posix/DriverProcess.h"
 #include "platform/posix/live/FirewallRules.h"
 
 extern char** environ;
@@ -94,17 +94,8 @@ void ContentChild::Reap() {
 
 void ContentChild::Stop() {
     if (m_pid > 0) {
-        ::kill(m_pid, SIGTERM);
-        for (int i = 0; i < 50; ++i) {
-            if (::waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
-                m_pid = -1;
-                break;
-            }
-            ::usleep(100000);
-        }
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-        }
+        // It removes its redirection as it ends; killed after 5 s, it leaves it to Reap.
+        platform::EndDriverProcess(m_pid, 5000);
     }
     Reap();
 }

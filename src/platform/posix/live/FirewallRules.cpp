@@ -244,7 +244,7 @@ bool RulesPresent() {
     return false;
 }
 
-std::string RedirectScript(const RedirectSettings& settings, bool ipv6) {
+std::string RedirectScript(const RedirectSettings& settings) {
     std::string script = std::string("*nat\n:") + kRedirectChain + " - [0:0]\n";
     script += std::string("-A ") + kRedirectChain + " -m mark --mark " + Mark(kUpstreamMark) +
               " -j RETURN\n";
@@ -258,14 +258,13 @@ std::string RedirectScript(const RedirectSettings& settings, bool ipv6) {
         script += match + " -j CONNMARK --or-mark " + std::to_string(kRedirectedMark) + "\n";
         script += match + " -j REDIRECT --to-ports " + std::to_string(to) + "\n";
     }
-    (void)ipv6;
     return script + std::string("-I OUTPUT 1 -j ") + kRedirectChain + "\nCOMMIT\n";
 }
 
 int InstallRedirect(const RedirectSettings& settings, InstalledFamilies* installed,
                     std::string* error, std::string* warning) {
     auto remove = [](bool ipv6) { RemoveChain(ipv6, "nat", "OUTPUT", kRedirectChain); };
-    return InstallScripts([&](bool ipv6) { return RedirectScript(settings, ipv6); }, remove,
+    return InstallScripts([&](bool) { return RedirectScript(settings); }, remove,
                           installed, error, warning,
                           "the nat table with the REDIRECT and CONNMARK targets is needed");
 }

@@ -53,7 +53,8 @@ struct RedirectSettings {
     std::uint16_t pop3Port = 0;  // 0: POP3 not redirected
 };
 
-std::string RedirectScript(const RedirectSettings& settings, bool ipv6);
+// The same for both families.
+std::string RedirectScript(const RedirectSettings& settings);
 // Installs the redirection for IPv4 and, where possible, IPv6 (failures as InstallRules).
 int InstallRedirect(const RedirectSettings& settings, InstalledFamilies* installed,
                     std::string* error, std::string* warning);
