@@ -72,6 +72,8 @@ bool ClamAvEngine::Load() {
             core::DiagLog("\n ClamAV: %s", m_problem.c_str());
             return;
         }
+        // cl_init sets up the library's process-wide state: it stays loaded from here on.
+        platform::Libraries::KeepLibraryOf(reinterpret_cast<const void*>(calls->init));
         m_calls = std::move(calls);
         const Calls& cl = *m_calls;
         cl.setMessages(ToDiagLog);

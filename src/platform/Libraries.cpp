@@ -104,6 +104,15 @@ std::shared_ptr<void> Libraries::HoldLibraryOf(const void* code) {
     return std::shared_ptr<void>(dl, [](void* handle) { dlclose(handle); });
 }
 
+bool Libraries::KeepLibraryOf(const void* code) {
+    Dl_info info{};
+    if (code == nullptr || dladdr(code, &info) == 0 || info.dli_fname == nullptr) {
+        return false;
+    }
+    // The reference taken here is never given back, and the library is never unmapped.
+    return dlopen(info.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE) != nullptr;
+}
+
 void Libraries::RegisterBuiltin(std::string_view name, Exports exports) {
     std::lock_guard guard(m_lock);
     m_builtins[ToUpperAscii(name)] = std::move(exports);

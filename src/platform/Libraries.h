@@ -36,6 +36,10 @@ public:
     // caller has given up on must not have the code unmapped under it. Null when `code` lies in
     // no loaded shared library.
     static std::shared_ptr<void> HoldLibraryOf(const void* code);
+    // Keeps the shared library that holds `code` mapped until the process ends, whatever Free
+    // and the loader's end do: for a library whose initialisation sets up process-wide state
+    // that must outlive every handle to it. False when `code` lies in no loaded shared library.
+    static bool KeepLibraryOf(const void* code);
 
 private:
     std::mutex m_lock;
